@@ -1,0 +1,208 @@
+// orv::HashTable: a chained hash table of polymorphic buckets.
+//
+// The typed table is a thin layer over an untyped representation,
+// _HashTableRep, that keeps chains of _BucketBase. Each bucket knows how to
+// match a key, clone itself (when a table is copied) and destroy itself, so
+// the representation needs no knowledge of the key and value types.
+#pragma once
+
+#include <kestrow/Export.h>
+
+#include <orv/Allocator.h>
+#include <orv/Exception.h>
+#include <orv/String.h>
+
+#include <cstdint>
+#include <new>
+
+namespace orv {
+
+class KESTROW_API _BucketBase {
+public:
+    _BucketBase() noexcept : m_next(nullptr) {}
+    virtual ~_BucketBase();
+    // True when the key behind `key` equals this bucket's key.
+    virtual bool match(const void* key) const = 0;
+    // A new bucket holding copies of this bucket's key and value.
+    virtual _BucketBase* clone() const = 0;
+
+    _BucketBase* m_next;
+    std::uint32_t m_hash = 0;
+};
+
+class KESTROW_API _HashTableRep {
+public:
+    explicit _HashTableRep(unsigned int initialBuckets);
+    _HashTableRep(const _HashTableRep& other);
+    _HashTableRep& operator=(const _HashTableRep& other);
+    ~_HashTableRep();
+
+    // Links the bucket into the chain the hash selects, unless a bucket with
+    // an equal key is there already (then the bucket is left to the caller).
+    // Returns whether it was inserted.
+    bool insert(unsigned int hash, _BucketBase* bucket, const void* key);
+
+    _BucketBase* lookup(unsigned int hash, const void* key);
+    const _BucketBase* lookup(unsigned int hash, const void* key) const;
+
+    unsigned int size() const noexcept { return m_count; }
+    unsigned int chainCount() const noexcept { return m_chainCount; }
+    _BucketBase** firstChain() const noexcept { return m_chains; }
+    _BucketBase** lastChain() const noexcept { return m_chains + m_chainCount; }
+
+private:
+    void clear() noexcept;
+    void copyFrom(const _HashTableRep& other);
+    void rehash(unsigned int chainCount);
+    unsigned int chainOf(unsigned int hash) const noexcept { return hash % m_chainCount; }
+
+    _BucketBase** m_chains;
+    unsigned int m_chainCount;
+    unsigned int m_count;
+};
+
+// Visits every bucket of every chain between two chain slots, chain by chain.
+class KESTROW_API _HashTableIteratorBase {
+public:
+    _HashTableIteratorBase(_BucketBase** first, _BucketBase** last) noexcept;
+    _HashTableIteratorBase& operator++() noexcept;
+    bool operator==(const _HashTableIteratorBase& other) const noexcept {
+        return m_bucket == other.m_bucket;
+    }
+    bool operator!=(const _HashTableIteratorBase& other) const noexcept {
+        return m_bucket != other.m_bucket;
+    }
+
+protected:
+    _BucketBase* m_bucket;
+
+private:
+    void skipEmptyChains() noexcept;
+
+    _BucketBase** m_chain;
+    _BucketBase** m_last;
+};
+
+template <class K> struct EqualFunc {
+    static bool equal(const K& a, const K& b) { return a == b; }
+};
+
+template <class K> struct HashFunc;
+
+template <> struct HashFunc<unsigned long long> {
+    // The low 32 bits of the key, plus 13.
+    static unsigned int hash(unsigned long long key) noexcept {
+        return static_cast<unsigned int>(key) + 13u;
+    }
+};
+
+template <> struct HashFunc<String> {
+    // FNV-1a over the code units.
+    static unsigned int hash(const String& key) noexcept {
+        std::uint32_t h = 2166136261u;
+        const Char16* units = key.getUCS2Buffer();
+        for (unsigned int i = 0; i < key.size(); ++i) {
+            h ^= static_cast<std::uint32_t>(units[i]);
+            h *= 16777619u;
+        }
+        return h;
+    }
+};
+
+// The text of a key, for HashKeyMissing.
+KESTROW_API String keyText(unsigned long long key);
+inline const String& keyText(const String& key) { return key; }
+
+template <class K, class V, class EQ = EqualFunc<K>> class _Bucket : public _BucketBase {
+public:
+    _Bucket(const K& key, const V& value) : m_key(key), m_value(value) {}
+
+    bool match(const void* key) const override {
+        return EQ::equal(m_key, *static_cast<const K*>(key));
+    }
+    _BucketBase* clone() const override {
+        auto* copy = new _Bucket(m_key, m_value);
+        copy->m_hash = m_hash;
+        return copy;
+    }
+
+    // Buckets are allocated once per entry: they come from the pool.
+    static void* operator new(std::size_t size) { return Allocator::allocate(size); }
+    static void operator delete(void* block, std::size_t size) noexcept {
+        Allocator::deallocate(block, size);
+    }
+
+    K m_key;
+    V m_value;
+};
+
+template <class K, class V, class EQ = EqualFunc<K>, class HF = HashFunc<K>> class HashTable {
+public:
+    typedef _Bucket<K, V, EQ> Bucket;
+
+    class Iterator : public _HashTableIteratorBase {
+    public:
+        using _HashTableIteratorBase::_HashTableIteratorBase;
+        const K& key() const noexcept { return bucket()->m_key; }
+        V& value() const noexcept { return bucket()->m_value; }
+        Iterator& operator++() noexcept {
+            _HashTableIteratorBase::operator++();
+            return *this;
+        }
+        Bucket& operator*() const noexcept { return *bucket(); }
+
+    private:
+        Bucket* bucket() const noexcept { return static_cast<Bucket*>(m_bucket); }
+    };
+
+    explicit HashTable(unsigned int initialBuckets = 32) : m_rep(initialBuckets) {}
+    HashTable(const HashTable& other) = default;
+    HashTable& operator=(const HashTable& other) = default;
+    virtual ~HashTable() = default;
+
+    // Adds the entry unless the key is present; returns whether it was added.
+    bool insert(const K& key, const V& value) {
+        const unsigned int hash = HF::hash(key);
+        if (m_rep.lookup(hash, &key) != nullptr)
+            return false;
+        auto* bucket = new Bucket(key, value);
+        bucket->m_hash = hash;
+        m_rep.insert(hash, bucket, &key);
+        return true;
+    }
+
+    V* lookup(const K& key) {
+        _BucketBase* found = m_rep.lookup(HF::hash(key), &key);
+        return found ? &static_cast<Bucket*>(found)->m_value : nullptr;
+    }
+    const V* lookup(const K& key) const {
+        const _BucketBase* found = m_rep.lookup(HF::hash(key), &key);
+        return found ? &static_cast<const Bucket*>(found)->m_value : nullptr;
+    }
+    bool contains(const K& key) const { return lookup(key) != nullptr; }
+
+    // The value under the key; throws HashKeyMissing when it is absent.
+    V& operator[](const K& key) {
+        V* value = lookup(key);
+        if (value == nullptr)
+            throw HashKeyMissing(keyText(key));
+        return *value;
+    }
+    const V& operator[](const K& key) const {
+        const V* value = lookup(key);
+        if (value == nullptr)
+            throw HashKeyMissing(keyText(key));
+        return *value;
+    }
+
+    unsigned int size() const noexcept { return m_rep.size(); }
+    unsigned int chainCount() const noexcept { return m_rep.chainCount(); }
+
+    Iterator begin() const noexcept { return Iterator(m_rep.firstChain(), m_rep.lastChain()); }
+    Iterator end() const noexcept { return Iterator(m_rep.lastChain(), m_rep.lastChain()); }
+
+private:
+    _HashTableRep m_rep;
+};
+
+} // namespace orv

@@ -1,0 +1,112 @@
+// orv::String: a UCS-2 string of 16-bit code units.
+#pragma once
+
+#include <kestrow/Export.h>
+#include <kestrow/WinTypes.h>
+
+#include <string>
+
+namespace orv {
+
+// One UCS-2 code unit; the same type as the platform's WCHAR, so that a
+// string's buffer can be handed to the wide Windows calls as it is.
+typedef WCHAR Char16;
+
+template <class T> class Array;
+
+class KESTROW_API String {
+public:
+    String() noexcept { initLocal(); }
+    String(const char* text);
+    String(const char* text, unsigned int n);
+    String(const unsigned short* text, unsigned int n);
+    String(const Char16* text, unsigned int n);
+    String(const String& other);
+    String(String&& other) noexcept;
+    ~String() { releaseHeap(); }
+
+    String& operator=(const String& other);
+    String& operator=(String&& other) noexcept;
+    String& operator=(const char* text);
+    String& operator=(const unsigned short* text);
+
+    // A string over text with static storage duration, such as a literal: it
+    // is not copied until the string is changed. Copies of it share the text.
+    static String literal(const Char16* text, unsigned int n) noexcept;
+
+    String& append(const String& other);
+    String& append(const Char16* text, unsigned int n);
+    String& append(Char16 unit);
+    String& operator+=(const String& other) { return append(other); }
+    String operator+(const String& other) const;
+
+    bool operator==(const String& other) const noexcept;
+    bool operator==(const char* text) const noexcept;
+    bool operator!=(const String& other) const noexcept { return !(*this == other); }
+
+    // Three-way comparison ignoring letter case: negative, 0 or positive.
+    int compareNoCase(const String& other) const noexcept;
+
+    // Converts in place to upper case and returns the string itself.
+    String& toUpper();
+
+    // The pieces between any of the separator characters; empty pieces (from
+    // adjacent separators, or separators at either end) are not kept, so an
+    // empty string or one made of separators only gives no pieces.
+    Array<String> tokenize(const String& separators) const;
+
+    unsigned int size() const noexcept { return m_size; }
+    bool empty() const noexcept { return m_size == 0; }
+    const Char16& operator[](unsigned int index) const noexcept { return m_data[index]; }
+
+    // The units, followed by a 0 unit.
+    const Char16* getUCS2Buffer() const noexcept { return m_data; }
+
+    void reserveCapacity(unsigned int capacity);
+
+    // The shared, immutable empty string.
+    static const String& EMPTY() noexcept;
+
+    // UTF-8 conversions for hosts and tools (unpaired surrogates become
+    // U+FFFD on the way out; characters beyond the BMP become surrogate pairs
+    // on the way in).
+    std::string toUtf8() const;
+    static String fromUtf8(const std::string& text);
+
+    // The upper-case form of one unit, as toUpper() and compareNoCase() use it.
+    static Char16 upperCase(Char16 unit) noexcept;
+
+private:
+    // Texts of up to LOCAL_UNITS units live inside the object itself.
+    static constexpr unsigned int LOCAL_UNITS = 15;
+
+    void initLocal() noexcept {
+        m_data = m_local;
+        m_size = 0;
+        m_capacity = LOCAL_UNITS;
+        m_local[0] = 0;
+    }
+    bool isLocal() const noexcept { return m_data == m_local; }
+    // A borrowed text (a literal) has capacity 0 and is never freed.
+    bool isBorrowed() const noexcept { return m_capacity == 0; }
+    bool ownsHeap() const noexcept { return !isLocal() && !isBorrowed(); }
+    void releaseHeap() noexcept;
+    void assignUnits(const Char16* text, unsigned int n);
+    void makeWritable(unsigned int capacity);
+
+    Char16* m_data;
+    unsigned int m_size;
+    unsigned int m_capacity; // units available, not counting the terminator
+    Char16 m_local[LOCAL_UNITS + 1];
+};
+
+// Shorthand for a literal orv::String of a UCS-2 text, without a copy.
+#if defined(_WIN32)
+#define ORV_LITERAL(text) ::orv::String::literal(L"" text, sizeof(L"" text) / 2 - 1)
+#else
+#define ORV_LITERAL(text) ::orv::String::literal(u"" text, sizeof(u"" text) / 2 - 1)
+#endif
+
+} // namespace orv
+
+#include <orv/Array.h>

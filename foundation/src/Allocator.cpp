@@ -1,0 +1,159 @@
+#include <orv/Allocator.h>
+
+#include <cstdlib>
+#include <new>
+#include <mutex>
+
+// Sanitizer builds serve every block from the heap so that out-of-bounds and
+// use-after-free errors inside pooled blocks are still caught.
+#if defined(__SANITIZE_ADDRESS__)
+#define ORV_POOL_DISABLED 1
+#elif defined(__has_feature)
+#if __has_feature(address_sanitizer)
+#define ORV_POOL_DISABLED 1
+#endif
+#endif
+
+namespace orv {
+
+namespace {
+
+[[maybe_unused]] constexpr std::size_t GRANULE = 16;
+[[maybe_unused]] constexpr std::size_t CLASS_COUNT = Allocator::MAX_POOLED_SIZE / GRANULE;
+[[maybe_unused]] constexpr std::size_t SLAB_SIZE = 64 * 1024;
+
+thread_local unsigned long long t_heapAllocations = 0;
+
+#if !defined(ORV_POOL_DISABLED)
+struct FreeBlock {
+    FreeBlock* next;
+};
+
+// Free lists per size class. Slabs are never returned to the heap: the pool
+// only ever holds as much as the peak of live blocks.
+class Pool {
+public:
+    void* allocate(std::size_t size) {
+        const std::size_t cls = classOf(size);
+        if (m_free[cls] == nullptr)
+            refill(cls);
+        FreeBlock* block = m_free[cls];
+        m_free[cls] = block->next;
+        return block;
+    }
+
+    void deallocate(void* block, std::size_t size) {
+        const std::size_t cls = classOf(size);
+        auto* freed = static_cast<FreeBlock*>(block);
+        freed->next = m_free[cls];
+        m_free[cls] = freed;
+    }
+
+    Pool* nextOrphan = nullptr;
+
+private:
+    static std::size_t classOf(std::size_t size) { return (size + GRANULE - 1) / GRANULE; }
+
+    void refill(std::size_t cls) {
+        const std::size_t blockSize = cls * GRANULE;
+        void* slab = std::malloc(SLAB_SIZE);
+        if (slab == nullptr)
+            throw std::bad_alloc();
+        ++t_heapAllocations;
+        auto* bytes = static_cast<unsigned char*>(slab);
+        FreeBlock* head = nullptr;
+        for (std::size_t i = SLAB_SIZE / blockSize; i-- > 0;) {
+            auto* block = reinterpret_cast<FreeBlock*>(bytes + i * blockSize);
+            block->next = head;
+            head = block;
+        }
+        m_free[cls] = head;
+    }
+
+    FreeBlock* m_free[CLASS_COUNT + 1] = {};
+};
+
+// Each thread works on a pool of its own, without locking. When a thread
+// ends, its pool (with every block still in use elsewhere) is handed to the
+// next thread that starts one. Blocks freed by a thread that is already
+// shutting down go to a shared, locked pool.
+std::mutex g_sharedMutex;
+Pool g_sharedPool;
+Pool* g_orphans = nullptr;
+
+thread_local Pool* t_pool = nullptr;
+thread_local bool t_exiting = false;
+
+struct PoolGuard {
+    ~PoolGuard() {
+        std::lock_guard<std::mutex> lock(g_sharedMutex);
+        if (t_pool != nullptr) {
+            t_pool->nextOrphan = g_orphans;
+            g_orphans = t_pool;
+        }
+        t_pool = nullptr;
+        t_exiting = true;
+    }
+};
+
+Pool* threadPool() {
+    if (t_pool != nullptr || t_exiting)
+        return t_pool;
+    thread_local PoolGuard guard;
+    (void)guard;
+    std::lock_guard<std::mutex> lock(g_sharedMutex);
+    if (g_orphans != nullptr) {
+        t_pool = g_orphans;
+        g_orphans = g_orphans->nextOrphan;
+    } else {
+        t_pool = new Pool();
+    }
+    return t_pool;
+}
+
+#endif
+
+void* heapAllocate(std::size_t size) {
+    void* block = std::malloc(size == 0 ? 1 : size);
+    if (block == nullptr)
+        throw std::bad_alloc();
+    ++t_heapAllocations;
+    return block;
+}
+
+} // namespace
+
+void* Allocator::allocate(std::size_t size) {
+#if !defined(ORV_POOL_DISABLED)
+    if (size != 0 && size <= MAX_POOLED_SIZE) {
+        if (Pool* pool = threadPool())
+            return pool->allocate(size);
+        std::lock_guard<std::mutex> lock(g_sharedMutex);
+        return g_sharedPool.allocate(size);
+    }
+#endif
+    return heapAllocate(size);
+}
+
+void Allocator::deallocate(void* block, std::size_t size) noexcept {
+    if (block == nullptr)
+        return;
+#if !defined(ORV_POOL_DISABLED)
+    if (size != 0 && size <= MAX_POOLED_SIZE) {
+        if (Pool* pool = threadPool()) {
+            pool->deallocate(block, size);
+            return;
+        }
+        std::lock_guard<std::mutex> lock(g_sharedMutex);
+        g_sharedPool.deallocate(block, size);
+        return;
+    }
+#else
+    (void)size;
+#endif
+    std::free(block);
+}
+
+unsigned long long Allocator::heapAllocations() noexcept { return t_heapAllocations; }
+
+} // namespace orv

@@ -1,0 +1,3 @@
+#include <libKestrow/Version.h>
+
+const char* kestrowVersion() { return KESTROW_VERSION_TEXT; }
