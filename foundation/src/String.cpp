@@ -127,6 +127,8 @@ void String::releaseHeap() noexcept {
 // Makes the text writable in place with room for at least `capacity` units,
 // keeping the current units.
 void String::makeWritable(unsigned int capacity) {
+    if (capacity < m_size)
+        capacity = m_size;
     if (!isBorrowed() && capacity <= m_capacity)
         return;
     unsigned int newCapacity = capacity;
