@@ -1,0 +1,695 @@
+#include <libKestrow/MasterFileTable.h>
+
+#include <kestrow/Platform.h>
+#include <kestrow/WinTypes.h>
+
+#include <orv/Format.h>
+#include <orv/Logger.h>
+
+#include <cstdint>
+#include <cstring>
+#include <new>
+#include <utility>
+
+namespace platform = kestrow::platform;
+
+namespace {
+
+orv::LogArea s_log("libKestrow.MasterFileTable");
+
+// Every message of the table, failures included, is a detailed diagnostic:
+// the table reports trouble to its caller only through its results.
+constexpr orv::LOGGER_PRIORITY DIAGNOSTIC = orv::LoggerPriority::LP_DEBUG;
+
+// The source-file name trace scopes are recorded under.
+constexpr const char* TRACE_FILE = "MasterFileTable";
+
+// `line` is the message's fixed number with its blank, e.g. "50 ".
+void logText(const char* line, const char* text) {
+    if (orv::Logger* logger = s_log.enabled(DIAGNOSTIC))
+        logger->log(DIAGNOSTIC, orv::LoggerStream() << line << text);
+}
+
+void logNumber(const char* line, const char* text, unsigned long long number) {
+    if (orv::Logger* logger = s_log.enabled(DIAGNOSTIC))
+        logger->log(DIAGNOSTIC, orv::LoggerStream()
+                                    << line << text
+                                    << orv::ORVValue(number).toString(orv::ORVValue::nilValue()));
+}
+
+constexpr unsigned long long MAX_RECORD_BUFFER_BYTES = 524288000ULL; // 500 MiB
+
+// Sizing gives up after this many halvings of the requested size.
+constexpr unsigned int LAST_SIZING_ATTEMPT = 10;
+
+// The arguments the MFT's drive is opened with: read and write access, shared
+// with every other reader and writer, and no unbuffered I/O.
+constexpr unsigned int DRIVE_ACCESS = GENERIC_READ | GENERIC_WRITE;
+constexpr unsigned int DRIVE_SHARING = FILE_SHARE_READ | FILE_SHARE_WRITE;
+
+unsigned long long sectorsInRun(const Volume::FileExtent& run) {
+    return run.endSector - run.startSector + 1;
+}
+
+// The root directory's own name.
+bool isRootName(const orv::String& name) {
+    return name.size() == 1 && name[0] == static_cast<orv::Char16>('.');
+}
+
+// Remembers the records a parent walk has passed. A damaged or hostile MFT may
+// hold parent references that loop without any record being its own parent;
+// stepping onto a record already passed means such a loop, and the walk then
+// ends as a broken-off walk does. An acyclic chain never meets a record twice,
+// so the guard changes no result there.
+class ParentWalkGuard {
+public:
+    bool alreadyPassed(unsigned long long index) const { return m_passed.contains(index); }
+    void pass(unsigned long long index) { m_passed.append(index); }
+
+private:
+    orv::Array<unsigned long long> m_passed;
+};
+
+// "name\path": one step of a path built from the leaf upward.
+orv::String prefixComponent(const orv::String& name, const orv::String& path) {
+    orv::String result;
+    result.reserveCapacity(name.size() + 1 + path.size());
+    result.append(name);
+    result.append(static_cast<orv::Char16>('\\'));
+    result.append(path);
+    return result;
+}
+
+orv::String prefixVolumePath(const orv::String& volumePath, const orv::String& path) {
+    orv::String result;
+    result.reserveCapacity(volumePath.size() + path.size());
+    result.append(volumePath);
+    result.append(path);
+    return result;
+}
+
+} // namespace
+
+// ---------------------------------------------------------------------------
+// Opening, sizing, copying
+// ---------------------------------------------------------------------------
+
+MasterFileTable::MasterFileTable(Volume& volume)
+    : m_initialized(false), m_mftExtents(), m_mftHandle(), m_buffer{{}, 0, 0, 0, 0},
+      m_volume(volume), m_numMftRecords(0), m_recordHashTable(32) {
+    orv::TraceLogger trace(s_log.traceLogger(), "MasterFileTable()", TRACE_FILE, 45);
+
+    const orv::String mftPath = orv::SprintfFormat("%c:\\$MFT", m_volume.m_driveLetter);
+    if (!m_volume.getFileExtents(mftPath, m_mftExtents)) {
+        logText("50 ", "Volume has unreadable extents");
+        return;
+    }
+
+    // Every run lies on the drive of the first: the extents come from a volume
+    // with a single disk extent.
+    const orv::String drivePath =
+        orv::SprintfFormat("\\\\.\\PhysicalDrive%u", m_mftExtents[0].diskNumber);
+    m_mftHandle.open(
+        orv::CreateFileOpenArgs(drivePath, DRIVE_ACCESS, DRIVE_SHARING, OPEN_EXISTING, 0));
+    if (!m_mftHandle.isValid()) {
+        logText("58 ", "Failed to open MFT handle");
+        return;
+    }
+
+    // The steps below use operations that require an initialised table.
+    m_initialized = true;
+
+    const unsigned long long bufferSize = chooseBufferSize();
+
+    MftExtent firstExtent;
+    if (!getExtentForFileRecord(FileReference::BASE_MFT_RECORD(), firstExtent)) {
+        logText("101 ", "Failed to get MFT extent");
+        m_initialized = false;
+        return;
+    }
+    if (!calculateBufferSize(firstExtent, bufferSize)) {
+        logText("107 ", "Failed to calculate buffer size");
+        m_initialized = false;
+        return;
+    }
+    if (!getNumMftRecords(m_numMftRecords)) {
+        logText("113 ", "Failed to get number of MFT records");
+        m_initialized = false;
+        return;
+    }
+    sizeRecordHashTable();
+}
+
+// The largest MFT run in bytes, bounded by 500 MiB and by half the free
+// physical memory.
+unsigned long long MasterFileTable::chooseBufferSize() {
+    unsigned long long largestRunSectors = 0;
+    for (const Volume::FileExtent& run : m_mftExtents)
+        if (sectorsInRun(run) > largestRunSectors)
+            largestRunSectors = sectorsInRun(run);
+    const unsigned long long largest = largestRunSectors * m_volume.m_bytesPerSector;
+    logNumber("78 ", "Buffer size: ", largest);
+
+    unsigned long long cap = MAX_RECORD_BUFFER_BYTES;
+    MEMORYSTATUSEX memory = {};
+    memory.dwLength = sizeof(MEMORYSTATUSEX);
+    if (platform::GlobalMemoryStatusEx(&memory)) {
+        const unsigned long long half = memory.ullAvailPhys >> 1;
+        if (half < cap) {
+            if (orv::Logger* logger = s_log.enabled(DIAGNOSTIC))
+                logger->log(DIAGNOSTIC, orv::LoggerStream() << "88 "
+                                                            << "Only using "
+                                                            << orv::ORVValue(half).toString(
+                                                                   orv::ORVValue::nilValue())
+                                                            << " bytes of available memory");
+            cap = half;
+        }
+    } else {
+        logText("92 ", "Failed to get available memory");
+    }
+
+    if (largest > cap) {
+        logNumber("96 ", "Limiting max buffer size to ", cap);
+        return cap;
+    }
+    return largest;
+}
+
+// Finds the largest buffer that can be allocated and read, halving the size
+// after every failure, and primes it with the extent's first records.
+bool MasterFileTable::calculateBufferSize(const MftExtent& extent, unsigned long long bufferSize) {
+    const unsigned int bytesPerRecord = m_volume.m_bytesPerFileRecord;
+    unsigned long long size = bufferSize;
+    for (unsigned int attempt = 0;; ++attempt) {
+        logNumber("588 ", "Limiting max buffer size to ", size);
+        bool allocated = false;
+        try {
+            orv::Buffer<unsigned char> fresh;
+            fresh.resize(size, true);
+            m_buffer.data = std::move(fresh);
+            allocated = true;
+        } catch (const std::bad_alloc&) {
+            logText("593 ", "Failed to initialize ByteBuffer - buffer too large");
+            size >>= 1;
+        }
+
+        if (allocated) {
+            m_buffer.maxRecordsInBuffer = size / bytesPerRecord;
+            m_buffer.maxBufferSize = size;
+            logNumber("601 ", "m_buffer.maxRecordsInBuffer: ", m_buffer.maxRecordsInBuffer);
+            logNumber("602 ", "m_buffer.maxBufferSize: ", m_buffer.maxBufferSize);
+            m_buffer.startIndex = 0;
+            m_buffer.numRecords = m_buffer.maxRecordsInBuffer < extent.recordCount
+                                      ? m_buffer.maxRecordsInBuffer
+                                      : extent.recordCount;
+            logNumber("609 ", "m_buffer.numRecords: ", m_buffer.numRecords);
+
+            // A buffer that holds no whole record is unusable, and halving
+            // only makes it smaller: give up now. Reading zero bytes would
+            // "succeed" and leave a capacity of 0 records for every later
+            // refresh to divide by.
+            if (m_buffer.maxRecordsInBuffer == 0)
+                return false;
+
+            if (m_volume.readBytesFromSector(m_mftHandle, extent.startSector,
+                                             m_buffer.numRecords * bytesPerRecord, m_buffer.data)) {
+                logText("620 ", "Found usable buffer size");
+                return true;
+            }
+            logText("615 ", "Failed to read MFT table");
+            size >>= 1;
+        }
+
+        if (attempt == LAST_SIZING_ATTEMPT)
+            return false;
+    }
+}
+
+// One bucket for every three record slots. Should that many buckets not fit in
+// memory (an absurd record count from damaged run data), the small table is
+// kept: it grows as entries arrive, and the constructor must not throw.
+void MasterFileTable::sizeRecordHashTable() {
+    try {
+        m_recordHashTable = RecordHashTable(static_cast<unsigned int>(m_numMftRecords / 3));
+    } catch (const std::bad_alloc&) {
+    }
+}
+
+MasterFileTable::MasterFileTable(const MasterFileTable& other)
+    : m_initialized(other.m_initialized), m_mftExtents(other.m_mftExtents),
+      m_mftHandle(other.m_mftHandle), m_buffer{other.m_buffer.data,
+                                               other.m_buffer.maxRecordsInBuffer,
+                                               other.m_buffer.maxBufferSize,
+                                               other.m_buffer.numRecords,
+                                               other.m_buffer.startIndex},
+      m_volume(other.m_volume), m_numMftRecords(other.m_numMftRecords),
+      m_recordHashTable(other.m_recordHashTable) {}
+
+MasterFileTable::MasterFileTable(MasterFileTable&& other)
+    : m_initialized(other.m_initialized), m_mftExtents(std::move(other.m_mftExtents)),
+      m_mftHandle(std::move(other.m_mftHandle)), m_buffer{std::move(other.m_buffer.data),
+                                                          other.m_buffer.maxRecordsInBuffer,
+                                                          other.m_buffer.maxBufferSize,
+                                                          other.m_buffer.numRecords,
+                                                          other.m_buffer.startIndex},
+      m_volume(other.m_volume), m_numMftRecords(other.m_numMftRecords),
+      // The foundation's table has no move: the source keeps its entries.
+      m_recordHashTable(other.m_recordHashTable) {}
+
+MasterFileTable::~MasterFileTable() = default;
+
+// ---------------------------------------------------------------------------
+// Run lookup and record count
+// ---------------------------------------------------------------------------
+
+bool MasterFileTable::getExtentForFileRecord(const FileReference& ref, MftExtent& extent) {
+    if (!m_initialized) {
+        logText("123 ", "getExtentForFileRecord(): MasterFileTable has not been initialized");
+        return false;
+    }
+    logText("128 ", "Getting MFT extent for file record");
+
+    const unsigned int bytesPerSector = m_volume.m_bytesPerSector;
+    const unsigned int bytesPerRecord = m_volume.m_bytesPerFileRecord;
+    // A volume that reports no record size holds no records we could address.
+    if (bytesPerRecord == 0)
+        return false;
+
+    const unsigned long long index = ref.index;
+    unsigned long long first = 0;
+    for (const Volume::FileExtent& run : m_mftExtents) {
+        const unsigned long long count = sectorsInRun(run) * bytesPerSector / bytesPerRecord;
+        if (index < first + count) {
+            extent.diskNumber = run.diskNumber;
+            extent.startSector = run.startSector;
+            extent.endSector = run.endSector;
+            extent.recordCount = count;
+            extent.firstRecord = first;
+            return true;
+        }
+        first += count;
+    }
+    return false;
+}
+
+bool MasterFileTable::getNumMftRecords(unsigned long long& count) {
+    if (!m_initialized) {
+        logText("277 ", "getNumMftRecords(): MasterFileTable has not been initialized");
+        return false;
+    }
+    if (m_numMftRecords != 0) {
+        count = m_numMftRecords;
+        return true;
+    }
+    logText("287 ", "Counting the number of MFT records");
+
+    // Each lookup of the running total lands on the next run.
+    unsigned long long total = 0;
+    for (std::uint32_t run = 0; run < m_mftExtents.size(); ++run) {
+        MftExtent extent;
+        if (!getExtentForFileRecord(FileReference(total, 0), extent))
+            return false;
+        total += extent.recordCount;
+    }
+    count = total;
+    return true;
+}
+
+// ---------------------------------------------------------------------------
+// Record retrieval
+// ---------------------------------------------------------------------------
+
+bool MasterFileTable::isBuffered(unsigned long long index) const {
+    return index >= m_buffer.startIndex && index - m_buffer.startIndex < m_buffer.numRecords;
+}
+
+// The record's bytes inside the record buffer, or null when its slot lies
+// outside the bytes the buffer holds. A live table always holds its whole
+// buffered range; the check protects a moved-from table, whose buffer is gone.
+const unsigned char* MasterFileTable::bufferedRecord(unsigned long long index) const {
+    const unsigned long long bytesPerRecord = m_volume.m_bytesPerFileRecord;
+    const unsigned long long offset = (index - m_buffer.startIndex) * bytesPerRecord;
+    if (offset > m_buffer.data.size() || m_buffer.data.size() - offset < bytesPerRecord)
+        return nullptr;
+    return m_buffer.data.data() + offset;
+}
+
+bool MasterFileTable::copyBufferedRecord(unsigned long long index,
+                                         orv::Buffer<unsigned char>& buffer) const {
+    const unsigned char* record = bufferedRecord(index);
+    if (record == nullptr)
+        return false;
+    buffer.resize(m_volume.m_bytesPerFileRecord, true);
+    std::memcpy(buffer.data(), record, m_volume.m_bytesPerFileRecord);
+    return true;
+}
+
+// Moves the buffered range onto the aligned block of the record's run that
+// holds the index. A failed read keeps the new range although the bytes are
+// stale: later requests in that range are served from them without a read.
+bool MasterFileTable::refreshBuffer(const FileReference& ref) {
+    MftExtent extent;
+    if (!getExtentForFileRecord(ref, extent))
+        return false;
+
+    const unsigned long long capacity = m_buffer.maxRecordsInBuffer;
+    // Sizing never leaves an initialised table with room for no record; this
+    // protects a moved-from table from dividing by zero.
+    if (capacity == 0)
+        return false;
+    const unsigned long long index = ref.index;
+    const unsigned long long chunk = (index - extent.firstRecord) / capacity;
+    const unsigned long long fullChunks = extent.recordCount / capacity;
+    m_buffer.startIndex = extent.firstRecord + capacity * chunk;
+    m_buffer.numRecords = chunk < fullChunks ? capacity : extent.recordCount - capacity * chunk;
+
+    const unsigned long long bytesPerRecord = m_volume.m_bytesPerFileRecord;
+    const unsigned long long sector =
+        bytesPerRecord * capacity * chunk / m_volume.m_bytesPerSector + extent.startSector;
+    logNumber("219 ", "Refreshing buffer from index ", m_buffer.startIndex);
+
+    const unsigned long long byteCount = bytesPerRecord * m_buffer.numRecords;
+    // The read lands in the buffer's own bytes; a moved-from table has none.
+    if (byteCount > m_buffer.data.size())
+        return false;
+    return m_volume.readBytesFromSector(m_mftHandle, sector, byteCount, m_buffer.data);
+}
+
+// The record's bytes in the record buffer, refreshing it on a miss.
+const unsigned char* MasterFileTable::locateRecord(const FileReference& ref) {
+    const unsigned long long index = ref.index;
+    if (!isBuffered(index) && !refreshBuffer(ref))
+        return nullptr;
+    return bufferedRecord(index);
+}
+
+bool MasterFileTable::getMftRecordBufferDirectly(const FileReference& ref,
+                                                 orv::Buffer<unsigned char>& buffer) {
+    if (!m_initialized) {
+        logText("154 ", "getMftRecordBufferDirectly(): MasterFileTable has not been initialized");
+        return false;
+    }
+    const unsigned long long index = ref.index;
+    if (isBuffered(index))
+        return copyBufferedRecord(index, buffer);
+
+    MftExtent extent;
+    if (!getExtentForFileRecord(ref, extent))
+        return false;
+    // Whole sectors only: a record that starts inside a sector is read from
+    // that sector's first byte.
+    const unsigned long long sector =
+        (index - extent.firstRecord) * m_volume.m_bytesPerFileRecord / m_volume.m_bytesPerSector +
+        extent.startSector;
+    logNumber("176 ", "Performing unbuffered read at index ", index);
+
+    // The read fills the buffer without sizing it: make sure one record fits.
+    if (buffer.size() < m_volume.m_bytesPerFileRecord)
+        buffer.resize(m_volume.m_bytesPerFileRecord, false);
+    return m_volume.readBytesFromSector(m_mftHandle, sector, m_volume.m_bytesPerFileRecord, buffer);
+}
+
+bool MasterFileTable::getMftRecord(const FileReference& ref, FileRecord& record) {
+    if (!m_initialized) {
+        logText("190 ", "getMftRecordBuffer(): MasterFileTable has not been initialized");
+        return false;
+    }
+    // The record is parsed where it lies in the record buffer, without a copy:
+    // the parser only reads it, and nothing moves the buffered range before
+    // it is done.
+    const unsigned char* bytes = locateRecord(ref);
+    if (bytes == nullptr)
+        return false;
+    orv::Buffer<unsigned char> view(const_cast<unsigned char*>(bytes),
+                                    m_volume.m_bytesPerFileRecord);
+    record = FileRecord(view, ref, m_volume);
+    processExternalAttributes(record);
+    return true;
+}
+
+void MasterFileTable::addToRecordHashTable(const FileRecord& record) {
+    const unsigned long long key = record.mftIndex().index;
+    if (!m_recordHashTable.contains(key))
+        m_recordHashTable.insert(key, RecordSummary(record));
+}
+
+bool MasterFileTable::getValidMftRecord(const FileReference& ref, FileRecord& record) {
+    if (!m_initialized) {
+        logText("310 ", "getValidMftRecord(): MasterFileTable has not been initialized");
+        return false;
+    }
+    if (!getMftRecord(ref, record) || !record.isValid())
+        return false;
+    addToRecordHashTable(record);
+    return true;
+}
+
+void MasterFileTable::processExternalAttributes(FileRecord& record) {
+    // A record that knows its data size, or names no extension record, has
+    // nothing to gain: checked first so that the common case copies nothing.
+    if (record.dataSize() != 0 || record.getExternalAttributeReferences().empty())
+        return;
+    // Parsing adds references to the record; only those listed now are read.
+    const orv::Array<unsigned long long> references(record.getExternalAttributeReferences());
+    for (const unsigned long long reference : references) {
+        orv::Buffer<unsigned char> buffer;
+        buffer.resize(m_volume.m_bytesPerFileRecord, false);
+        if (getMftRecordBufferDirectly(FileReference(reference & FileReference::INDEX_MASK, 0),
+                                       buffer))
+            record.processAttributes(buffer);
+    }
+}
+
+void MasterFileTable::postProcessFileRecord(FileRecord& record) {
+    record.postProcess(m_mftHandle);
+}
+
+bool MasterFileTable::getDataAtSector(unsigned long long sector, unsigned long long byteCount,
+                                      orv::Buffer<unsigned char>& buffer) {
+    // The read does not size the buffer: refuse one it would overflow.
+    if (buffer.size() < byteCount)
+        return false;
+    return m_volume.readBytesFromSector(m_mftHandle, sector, byteCount, buffer);
+}
+
+// ---------------------------------------------------------------------------
+// Last active record
+// ---------------------------------------------------------------------------
+
+const FileReference MasterFileTable::getLastActiveRecord() {
+    orv::TraceLogger trace(s_log.traceLogger(), "getLastActiveRecord", TRACE_FILE, 409);
+    if (!m_initialized) {
+        logText("412 ", "getLastActiveRecord(): MasterFileTable has not been initialized");
+        return FileReference(0, 0);
+    }
+    unsigned long long count = 0;
+    if (!getNumMftRecords(count))
+        return FileReference(0, 0);
+
+    // Record 0, the MFT's own, is never examined.
+    FileRecord record;
+    for (unsigned long long index = count - 1; index >= 1 && index < count; --index) {
+        if (getValidMftRecord(FileReference(index, 0), record) &&
+            !record.getClusterRanges().empty())
+            return FileReference(index, 0);
+    }
+    return FileReference(0, 0);
+}
+
+// ---------------------------------------------------------------------------
+// Record map and paths
+// ---------------------------------------------------------------------------
+
+bool MasterFileTable::buildRecordMap() {
+    orv::TraceLogger trace(s_log.traceLogger(), "buildRecordMap", TRACE_FILE, 524);
+    if (!m_initialized) {
+        logText("527 ", "buildRecordMap(): MasterFileTable has not been initialized");
+        return false;
+    }
+    unsigned long long count = 0;
+    if (!getNumMftRecords(count))
+        return false;
+
+    FileRecord record;
+    for (unsigned long long index = 0; index < count; ++index)
+        getValidMftRecord(FileReference(index, 0), record);
+    return true;
+}
+
+bool MasterFileTable::getParentPath(const FileReference& ref, RecordSummary& out) {
+    if (const RecordSummary* entry = m_recordHashTable.lookup(ref.index)) {
+        out = *entry;
+        return true;
+    }
+    FileRecord record;
+    if (!getValidMftRecord(ref, record))
+        return false;
+    out = RecordSummary(record);
+    return true;
+}
+
+orv::String MasterFileTable::findParentPath(const FileRecord& record) {
+    if (!m_initialized) {
+        logText("325 ", "findParentPath(): MasterFileTable has not been initialized");
+        return orv::String();
+    }
+    RecordSummary current;
+    current.mftIndex = record.mftIndex();
+    current.parentMftIndex = record.parentMftIndex();
+    orv::String path;
+    if (current.mftIndex == current.parentMftIndex)
+        return path;
+
+    ParentWalkGuard guard;
+    guard.pass(current.mftIndex.index);
+    for (;;) {
+        const FileReference parent = current.parentMftIndex;
+        if (guard.alreadyPassed(parent.index))
+            return path; // a loop: the part gathered so far, as a broken-off walk
+        guard.pass(parent.index);
+        if (!getParentPath(parent, current))
+            return path;
+        if (current.name.empty())
+            return path;
+        if (isRootName(current.name))
+            return prefixVolumePath(m_volume.m_path, path);
+        path = prefixComponent(current.name, path);
+        if (current.mftIndex == current.parentMftIndex)
+            return path;
+    }
+}
+
+orv::String MasterFileTable::findParentPath(const FileReference& ref) {
+    if (!m_initialized) {
+        logText("356 ", "findParentPath(): MasterFileTable has not been initialized");
+        return orv::String();
+    }
+    const RecordSummary* entry = m_recordHashTable.lookup(ref.index);
+    if (entry == nullptr)
+        return orv::String();
+    RecordSummary current = *entry;
+    orv::String path = current.name;
+    if (current.mftIndex == current.parentMftIndex)
+        return path;
+
+    ParentWalkGuard guard;
+    guard.pass(current.mftIndex.index);
+    for (;;) {
+        const FileReference parent = current.parentMftIndex;
+        if (guard.alreadyPassed(parent.index))
+            return path; // a loop: the part gathered so far, as a broken-off walk
+        guard.pass(parent.index);
+        if (!getParentPath(parent, current))
+            return path;
+        if (current.name.empty())
+            return path;
+        if (isRootName(current.name))
+            path = prefixVolumePath(m_volume.m_path, path);
+        else
+            path = prefixComponent(current.name, path);
+        if (current.mftIndex == current.parentMftIndex)
+            return path;
+    }
+}
+
+bool MasterFileTable::findMftRecordsByPath(const orv::String& path,
+                                           orv::Array<FileRecord>& records) {
+    orv::TraceLogger trace(s_log.traceLogger(), "findMftRecordsByPath", TRACE_FILE, 551);
+    if (!m_initialized) {
+        logText("554 ", "findMftRecordsByPath(): MasterFileTable has not been initialized");
+        return false;
+    }
+    unsigned long long count = 0;
+    if (!getNumMftRecords(count))
+        return false;
+
+    // An empty path, or one of separators only, has no last component: the
+    // index below then fails the array's own check.
+    const orv::Array<orv::String> components = path.tokenize(ORV_LITERAL("\\"));
+    const orv::String& wantedName = components[components.size() - 1];
+
+    FileRecord record;
+    for (unsigned long long index = 0; index < count; ++index) {
+        if (!getValidMftRecord(FileReference(index, 0), record))
+            continue;
+        if (record.name() != wantedName)
+            continue;
+        if (findParentPath(record) + record.name() == path)
+            records.append(record);
+    }
+    return true;
+}
+
+// ---------------------------------------------------------------------------
+// Cluster owners
+// ---------------------------------------------------------------------------
+
+bool MasterFileTable::findRecordCluster(unsigned long long cluster, FileReference& ref) {
+    orv::TraceLogger trace(s_log.traceLogger(), "findRecordCluster", TRACE_FILE, 438);
+    if (!m_initialized) {
+        logText("441 ", "findRecordCluster(): MasterFileTable has not been initialized");
+        return false;
+    }
+    const FileReference last = getLastActiveRecord();
+
+    FileRecord record;
+    while (ref.index <= last.index) {
+        if (getValidMftRecord(ref, record)) {
+            for (const ClusterRange& range : record.getClusterRanges())
+                if (range.start <= cluster && cluster - range.start < range.count)
+                    return true;
+        }
+        ++ref;
+        // Only a last record at the very top of the 48-bit range lets the
+        // index wrap; stop there instead of scanning from 0 again forever.
+        if (ref.index == 0)
+            return false;
+    }
+    return false;
+}
+
+bool MasterFileTable::findRecordClusterInMft(unsigned long long cluster,
+                                             orv::Array<FileReference>& refs) {
+    orv::TraceLogger trace(s_log.traceLogger(), "findRecordClusterInMft", TRACE_FILE, 467);
+    if (!m_initialized) {
+        logText("470 ", "findRecordClusterInMft(): MasterFileTable has not been initialized");
+        return false;
+    }
+    const unsigned long long bytesPerSector = m_volume.m_bytesPerSector;
+    const unsigned long long bytesPerCluster = m_volume.m_bytesPerCluster;
+    const unsigned long long bytesPerRecord = m_volume.m_bytesPerFileRecord;
+    // The cluster covers sectors firstSector up to endSector - 1.
+    const unsigned long long firstSector = cluster * bytesPerCluster / bytesPerSector;
+    const unsigned long long endSector = (cluster + 1) * bytesPerCluster / bytesPerSector;
+
+    if (m_mftExtents.empty())
+        return false;
+
+    // Only the first run the cluster touches is used.
+    const Volume::FileExtent* run = nullptr;
+    unsigned long long recordBase = 0;
+    for (const Volume::FileExtent& candidate : m_mftExtents) {
+        if (endSector > candidate.startSector && firstSector <= candidate.endSector) {
+            run = &candidate;
+            break;
+        }
+        recordBase += sectorsInRun(candidate) * bytesPerSector / bytesPerRecord;
+    }
+    if (run == nullptr)
+        return false;
+
+    const unsigned long long start = run->startSector;
+    const unsigned long long offset = firstSector >= start ? firstSector - start : 0;
+    const unsigned long long firstRecord = offset * bytesPerSector / bytesPerRecord;
+    const unsigned long long span =
+        run->endSector < endSector ? run->endSector - start + 1 : endSector - start;
+    // The extra record depends on where the cluster starts, not where it
+    // ends; the difference is taken without the clamp above.
+    const bool startsInsideRecord = (firstSector - start) * bytesPerSector % bytesPerRecord != 0;
+    const unsigned long long endRecord =
+        span * bytesPerSector / bytesPerRecord + (startsInsideRecord ? 1 : 0);
+
+    for (unsigned long long record = firstRecord; record < endRecord; ++record)
+        refs.append(FileReference(recordBase + record, 0));
+    return true;
+}
