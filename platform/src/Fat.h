@@ -1,0 +1,24 @@
+// The little the backend reads of FAT12/16/32 and exFAT volumes: the label
+// from the root directory and the number of free clusters.
+#pragma once
+
+#include "BootSector.h"
+#include "ByteSource.h"
+
+#include <kestrow/WinTypes.h>
+
+#include <cstdint>
+#include <string>
+
+namespace kestrow::platform::disk {
+
+// The volume label as Windows shows it: the root directory's label entry
+// (first cluster of the root directory only), empty when there is none.
+std::u16string fatVolumeLabel(const ByteSource& volume, const BootSector& boot);
+
+// Free clusters counted in the FAT (FAT12/16/32) or in the allocation
+// bitmap (exFAT, whose bitmap must be contiguous). 0 or a Windows error.
+DWORD fatFreeClusters(const ByteSource& volume, const BootSector& boot,
+                      std::uint64_t& freeClusters);
+
+} // namespace kestrow::platform::disk
