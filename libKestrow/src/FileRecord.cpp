@@ -1,0 +1,291 @@
+// FileRecord: the FILE record header, the attribute walk and the resident
+// attributes. Non-resident attributes and their runs are in
+// FileRecordNonResident.cpp, the index blocks in FileRecordPostProcess.cpp.
+#include <libKestrow/FileRecord.h>
+
+#include "FileRecordInternals.h"
+
+#include <utility>
+
+using namespace kestrow::ntfs;
+
+namespace kestrow::filerecord {
+
+namespace {
+constinit orv::LogArea s_log("libKestrow.FileRecord");
+}
+
+orv::LogArea& logArea() { return s_log; }
+
+bool isShortName(const orv::Char16* units, unsigned int count) noexcept {
+    constexpr unsigned int MAX_NAME = 12;
+    constexpr unsigned int MAX_BASE = 8;
+    constexpr unsigned int MAX_EXTENSION = 3;
+    if (count > MAX_NAME)
+        return false;
+    unsigned int pieces = 0;
+    unsigned int pieceLengths[2] = {0, 0};
+    unsigned int current = 0;
+    for (unsigned int i = 0; i <= count; ++i) {
+        const bool separator = i == count || units[i] == u'.';
+        if (!separator) {
+            if (orv::String::upperCase(units[i]) != units[i])
+                return false;
+            ++current;
+            continue;
+        }
+        if (current != 0) {
+            if (pieces == 2)
+                return false;
+            pieceLengths[pieces++] = current;
+        }
+        current = 0;
+    }
+    // No piece at all (the root's name ".") has no first part to be too long.
+    if (pieceLengths[0] > MAX_BASE)
+        return false;
+    return pieces != 2 || pieceLengths[1] <= MAX_EXTENSION;
+}
+
+} // namespace kestrow::filerecord
+
+bool AttributeView::isNamedI30() const noexcept {
+    static constexpr char16_t I30[] = u"$I30";
+    constexpr unsigned int I30_UNITS = 4;
+    if (nameLength() != I30_UNITS || nameOffset() == 0)
+        return false;
+    if (!has(nameOffset(), I30_UNITS * 2))
+        return false;
+    for (unsigned int i = 0; i < I30_UNITS; ++i)
+        if (u16(nameOffset() + 2 * i) != I30[i])
+            return false;
+    return true;
+}
+
+namespace {
+
+const orv::String& residentTypeName(std::uint32_t typeCode) {
+    static const orv::String NAMES[] = {
+        ORV_LITERAL("$STANDARD_INFORMATION"),  // 0x10
+        ORV_LITERAL("$ATTRIBUTE_LIST"),        // 0x20
+        ORV_LITERAL("$FILE_NAME"),             // 0x30
+        ORV_LITERAL("$OBJECT_ID"),             // 0x40
+        ORV_LITERAL("$SECURITY_DESCRIPTOR"),   // 0x50
+        ORV_LITERAL("$VOLUME_NAME"),           // 0x60
+        ORV_LITERAL("$VOLUME_INFORMATION"),    // 0x70
+        ORV_LITERAL("$DATA"),                  // 0x80
+        ORV_LITERAL("$INDEX_ROOT"),            // 0x90
+        orv::String(),                         // 0xA0 is never resident
+        ORV_LITERAL("$BITMAP"),                // 0xB0
+        ORV_LITERAL("$REPARSE_POINT"),         // 0xC0
+        ORV_LITERAL("$EA_INFORMATION"),        // 0xD0
+        ORV_LITERAL("$EA"),                    // 0xE0
+        orv::String(),                         // 0xF0
+        ORV_LITERAL("$LOGGED_UTILITY_STREAM"), // 0x100
+    };
+    if (typeCode < 0x10 || typeCode > 0x100 || typeCode % 0x10 != 0)
+        return orv::String::EMPTY();
+    return NAMES[typeCode / 0x10 - 1];
+}
+
+} // namespace
+
+// ---- Summaries ----------------------------------------------------------------
+
+RecordSummary::RecordSummary(const FileRecord& record)
+    : mftIndex(record.mftIndex()), parentMftIndex(record.parentMftIndex()), name(record.name()),
+      fileAttributes(record.getFileAttributes()), creationTime(record.getCreationTime()),
+      modificationTime(record.getModificationTime()), lastReadTime(record.getLastReadTime()),
+      dataSize(record.dataSize()) {}
+
+// ---- Construction ---------------------------------------------------------------
+
+FileRecord::FileRecord()
+    : m_valid(false), m_longNameFound(false), m_mftIndex(), m_parentMftIndex(), m_name(),
+      m_attributes(), m_allocatedSize(0), m_realSize(0), m_volume(nullptr), m_fileAttributes(0),
+      m_creationTime(0), m_modificationTime(0), m_lastReadTime(0), m_dataSize(0),
+      m_externalAttributeReferences(), m_clusterRanges(), m_indexAllocationRanges(),
+      m_indexEntries() {}
+
+FileRecord::FileRecord(orv::Buffer<unsigned char>& buffer, const FileReference& reference,
+                       Volume& volume)
+    : FileRecord() {
+    m_mftIndex = reference;
+    m_parentMftIndex = FileReference(0, 0);
+    m_volume = &volume;
+    processAttributes(buffer);
+}
+
+FileRecord::FileRecord(const FileRecord& other) = default;
+FileRecord::FileRecord(FileRecord&& other) noexcept = default;
+FileRecord& FileRecord::operator=(const FileRecord& other) = default;
+FileRecord& FileRecord::operator=(FileRecord&& other) noexcept = default;
+FileRecord::~FileRecord() = default;
+
+// ---- The attribute walk ----------------------------------------------------------
+
+void FileRecord::processAttributes(orv::Buffer<unsigned char>& buffer) {
+    // Guard: a record bound to no volume (the default one) has no geometry to
+    // parse with.
+    if (m_volume == nullptr)
+        return;
+    const ByteBlock record(buffer.data(), buffer.size());
+    // Guard: a buffer too short for the header holds no record.
+    if (!record.has(0, FileRecordHeader::SIZE))
+        return;
+    if (!record.bytesEqual(FileRecordHeader::SIGNATURE_OFFSET, FileRecordHeader::SIGNATURE, 4))
+        return;
+    if ((record.u16(FileRecordHeader::FLAGS) & FileRecordHeader::FLAG_IN_USE) == 0)
+        return;
+    m_valid = true;
+
+    const std::uint32_t bytesInUse = record.u32(FileRecordHeader::BYTES_IN_USE);
+    const std::uint32_t bytesAllocated = record.u32(FileRecordHeader::BYTES_ALLOCATED);
+    std::uint64_t offset = record.u16(FileRecordHeader::FIRST_ATTRIBUTE_OFFSET);
+    while (offset < bytesInUse) {
+        // Guard: the walk stops where an attribute's type code or common header
+        // would lie outside the buffer.
+        if (!record.has(offset, AttributeHeader::COMMON_SIZE))
+            break;
+        if (record.u32(offset + AttributeHeader::TYPE_CODE) == AttributeHeader::END_MARKER)
+            break;
+        const std::uint32_t length = record.u32(offset + AttributeHeader::LENGTH);
+        const bool nonResident = record.u8(offset + AttributeHeader::NON_RESIDENT) != 0;
+        // Guard: an attribute shorter than its own header form (a length of 0
+        // would never advance) or one that runs past the buffer ends the walk;
+        // every well-formed attribute passes.
+        const std::uint64_t headerSize = nonResident ? NonResidentHeader::SIZE : ResidentHeader::SIZE;
+        if (length < headerSize || !record.has(offset, length))
+            break;
+
+        AttributeSummary summary;
+        // The record's figures are set before every attribute, so after the walk
+        // they are those of the last attribute: its own sizes if it was
+        // non-resident, otherwise the record's. The order is intended.
+        m_allocatedSize = static_cast<std::uint32_t>(m_volume->m_bytesPerSector * bytesAllocated);
+        m_realSize = bytesInUse;
+        if (!nonResident) {
+            const ResidentAttributeHeader attribute(record, offset, length);
+            processResidentAttribute(&attribute, summary);
+        } else {
+            const NonResidentAttributeHeader attribute(record, offset, length);
+            processNonResidentAttribute(&attribute, summary);
+        }
+        m_allocatedSize &= SIZE_MASK_44;
+        m_realSize &= SIZE_MASK_44;
+        m_attributes.append(std::move(summary));
+        offset += length;
+    }
+}
+
+// ---- Resident attributes ------------------------------------------------------------
+
+void FileRecord::processResidentAttribute(const ResidentAttributeHeader* attribute,
+                                          AttributeSummary& summary) {
+    summary.resident = true;
+    const std::uint32_t type = attribute->typeCode();
+    summary.name = residentTypeName(type);
+    switch (type) {
+    case AttributeType::ATTRIBUTE_LIST:
+        // The name length is counted as bytes here, as the list was always read.
+        FileRecordParser::collectAttributeListEntries(
+            *this, *attribute, AttributeListEntry::RESIDENT_FIRST_ENTRY + attribute->nameLength());
+        break;
+    case AttributeType::FILE_NAME:
+        FileRecordParser::processFileName(*this, *attribute);
+        break;
+    case AttributeType::DATA:
+        if (attribute->nameLength() == 0)
+            m_dataSize = attribute->valueLength();
+        break;
+    case AttributeType::INDEX_ROOT:
+        FileRecordParser::processIndexRoot(*this, *attribute);
+        break;
+    default:
+        break;
+    }
+}
+
+void FileRecordParser::collectAttributeListEntries(FileRecord& record,
+                                                   const AttributeView& attribute,
+                                                   std::uint64_t firstEntry) {
+    const unsigned long long ownIndex = record.m_mftIndex.index;
+    std::uint64_t entry = firstEntry;
+    while (entry < attribute.length()) {
+        // Guard: an entry whose length or reference would lie outside the buffer
+        // ends the list. Reads may pass the attribute's own end (a non-resident
+        // list is walked over its run list), never the buffer's.
+        if (!attribute.has(entry, AttributeListEntry::REFERENCE + 8))
+            return;
+        const std::uint16_t length = attribute.u16(entry + AttributeListEntry::LENGTH);
+        if (length == 0)
+            return;
+        const unsigned long long index =
+            attribute.u64(entry + AttributeListEntry::REFERENCE) & RECORD_INDEX_MASK;
+        if (index != ownIndex && !record.m_externalAttributeReferences.contains(index))
+            record.m_externalAttributeReferences.append(index);
+        entry += length;
+    }
+}
+
+void FileRecordParser::processFileName(FileRecord& record,
+                                       const ResidentAttributeHeader& attribute) {
+    using namespace kestrow::ntfs::FileNameAttribute;
+    // Guard: a $FILE_NAME too short to hold its fixed part gives no name.
+    if (!attribute.has(0, NAME))
+        return;
+    const unsigned int length = attribute.u8(NAME_LENGTH);
+    if (length == 0)
+        return;
+    // Guard: a name running past the buffer is not read.
+    if (!attribute.has(NAME, 2ULL * length))
+        return;
+
+    const std::uint64_t parent = attribute.u64(PARENT_REFERENCE);
+    record.m_parentMftIndex = FileReference(parent, parent >> 48);
+    if (!record.m_name.empty() && record.m_longNameFound)
+        return;
+
+    orv::Char16 units[255];
+    for (unsigned int i = 0; i < length; ++i)
+        units[i] = static_cast<orv::Char16>(attribute.u16(NAME + 2 * i));
+    const bool shortName = kestrow::filerecord::isShortName(units, length);
+    if (!(record.m_name.empty() && shortName))
+        record.m_longNameFound = true;
+
+    record.m_name = orv::String(units, length);
+    record.m_creationTime = attribute.u64(CREATION_TIME);
+    record.m_modificationTime = attribute.u64(MODIFICATION_TIME);
+    record.m_lastReadTime = attribute.u64(LAST_ACCESS_TIME);
+    record.m_fileAttributes = attribute.u32(FILE_ATTRIBUTES);
+    if (record.m_fileAttributes & DIRECTORY_FLAG)
+        record.m_fileAttributes |= FILE_ATTRIBUTE_DIRECTORY_FLAG;
+}
+
+void FileRecordParser::processIndexRoot(FileRecord& record,
+                                        const ResidentAttributeHeader& attribute) {
+    if (!attribute.isNamedI30())
+        return;
+    const std::uint64_t value = attribute.offset() + attribute.valueOffset();
+    const ByteBlock& buffer = attribute.record();
+    // Guard: a value offset that puts the index header outside the buffer
+    // gives no entries.
+    if (!buffer.has(value, IndexRoot::FIRST_ENTRY))
+        return;
+    // 32-bit unsigned arithmetic, as the format's fields are; a wrapped bound is
+    // harmless because the walk itself stays inside the buffer.
+    const std::uint32_t available = attribute.length() - attribute.valueOffset();
+    const std::uint32_t totalSize = buffer.u32(value + IndexRoot::TOTAL_ENTRY_SIZE);
+    const std::uint32_t length =
+        (available < totalSize ? available : totalSize) - IndexRoot::HEADER_SIZE;
+    if (length == 0)
+        return;
+    kestrow::filerecord::walkIndexEntries(
+        buffer, value + IndexRoot::FIRST_ENTRY, length,
+        [&record](unsigned long long index) { addIndexEntry(record, index); });
+}
+
+void FileRecordParser::addIndexEntry(FileRecord& record, unsigned long long index) {
+    if (!record.m_indexEntries.contains(index))
+        record.m_indexEntries.append(index);
+}

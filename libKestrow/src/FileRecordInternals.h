@@ -1,0 +1,91 @@
+// The parts of the FILE record parser that are shared between its source
+// files and reached by tests and fuzz targets through the static library.
+#pragma once
+
+#include "FileRecordLayout.h"
+
+#include <libKestrow/FileRecord.h>
+
+#include <orv/Array.h>
+#include <orv/Buffer.h>
+#include <orv/Logger.h>
+#include <orv/String.h>
+
+#include <cstdint>
+
+// The parser's steps that need the record's members; kept here rather than
+// in the public header.
+struct FileRecordParser {
+    static void collectAttributeListEntries(FileRecord& record, const AttributeView& attribute,
+                                            std::uint64_t firstEntry);
+    static void processFileName(FileRecord& record, const ResidentAttributeHeader& attribute);
+    static void processIndexRoot(FileRecord& record, const ResidentAttributeHeader& attribute);
+    static void addIndexEntry(FileRecord& record, unsigned long long index);
+};
+
+namespace kestrow::filerecord {
+
+// The logger "libKestrow.FileRecord".
+orv::LogArea& logArea();
+
+// The logger when diagnostics (priority 1) are to be written, else null.
+inline orv::Logger* diagnosticsLogger() {
+    return logArea().enabled(orv::LoggerPriority::LP_DEBUG);
+}
+
+// True for a name in the short 8.3 form: at most 12 units; split at "." (empty
+// pieces dropped, as orv::String::tokenize does) at most 2 pieces, the first
+// of at most 8 units, a second of at most 3; and no unit that upper-casing
+// would change.
+bool isShortName(const orv::Char16* units, unsigned int count) noexcept;
+
+// A copy of the run list of a non-resident attribute: the bytes from its
+// run-list offset to its end; empty (with a log line) when the attribute is
+// longer than a file record.
+orv::Buffer<unsigned char> extractRunBytes(const NonResidentAttributeHeader& attribute,
+                                           unsigned int bytesPerFileRecord);
+
+// Decodes a run list into its non-sparse runs (start not yet shifted to the
+// disk), stopping quietly at the end marker and, with a log line, at the first
+// fault; `maxClusters` bounds the clusters of all runs, sparse ones included.
+orv::Array<ClusterRange> decodeRunList(const unsigned char* runBytes, std::uint64_t size,
+                                       std::uint64_t maxClusters);
+inline orv::Array<ClusterRange> decodeRunList(const orv::Buffer<unsigned char>& runBytes,
+                                              std::uint64_t maxClusters) {
+    return decodeRunList(runBytes.data(), runBytes.size(), maxClusters);
+}
+
+// The index entry walk of $INDEX_ROOT and of INDX blocks: from the entry at
+// `first` in `block`, while the consumed count stays below `bound`, hands the
+// 48-bit record index of every entry of at least 82 bytes to `add`. The
+// consumed count grows by the length of the entry about to be read, not the
+// one just read; that bound is kept as it is.
+template <class Add>
+void walkIndexEntries(const ntfs::ByteBlock& block, std::uint64_t first, std::uint64_t bound,
+                      Add&& add) {
+    using namespace ntfs;
+    std::uint64_t entry = first;
+    // Guard: an entry offset past the block (a bad first-entry field, or a
+    // step past the end) ends the walk instead of reading outside it.
+    if (!block.has(entry, IndexEntry::HEADER_READ))
+        return;
+    std::uint64_t length = block.u16(entry + IndexEntry::LENGTH);
+    // 64 bits: the sum of 16-bit lengths cannot wrap and restart the walk.
+    std::uint64_t consumed = 0;
+    while (consumed < bound) {
+        if (length < IndexEntry::MIN_LENGTH)
+            return;
+        // Guard: an entry that runs past the block ends the walk; no well-formed
+        // entry does.
+        if (!block.has(entry, length))
+            return;
+        add(block.u64(entry + IndexEntry::REFERENCE) & RECORD_INDEX_MASK);
+        entry += length;
+        if (!block.has(entry, IndexEntry::HEADER_READ))
+            return;
+        length = block.u16(entry + IndexEntry::LENGTH);
+        consumed += length;
+    }
+}
+
+} // namespace kestrow::filerecord
