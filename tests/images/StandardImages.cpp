@@ -256,10 +256,9 @@ void buildStandardImages(const std::filesystem::path& directory) {
         }
         // Read-only, as a reminder to anything but the builder: tests patch
         // private copies (ScratchImage), never these.
-        std::filesystem::permissions(building,
-                                     std::filesystem::perms::owner_read |
-                                         std::filesystem::perms::group_read |
-                                         std::filesystem::perms::others_read);
+        std::filesystem::permissions(building, std::filesystem::perms::owner_read |
+                                                   std::filesystem::perms::group_read |
+                                                   std::filesystem::perms::others_read);
         std::filesystem::rename(building, image);
         std::cout << "built " << image.string() << "\n";
     }

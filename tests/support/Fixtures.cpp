@@ -2,10 +2,10 @@
 
 #include <array>
 #include <atomic>
-#include <chrono>
 #include <cstdio>
 #include <cstdlib>
 #include <fstream>
+#include <ostream>
 #include <random>
 #include <stdexcept>
 
@@ -20,20 +20,20 @@ namespace {
 constexpr std::uint64_t MiB = 1024 * 1024;
 
 constexpr std::array<ImageFacts, 7> kImages = {{
-    {FixtureImage::Bare, "bare.img", "KESTROW_BARE", 512, 4096, 0, 8 * MiB, 8 * MiB, false, false,
-     false},
-    {FixtureImage::MbrDisk, "disk-mbr.img", "KESTROW_MBR", 512, 4096, kMbrNtfsStartSector * 512,
-     kMbrNtfsSectors * 512, 64 * MiB, true, true, false},
-    {FixtureImage::GptDisk, "disk-gpt.img", "KESTROW_GPT", 512, 4096, kGptNtfsStartSector * 512,
-     kGptNtfsSectors * 512, 40 * MiB, true, true, false},
-    {FixtureImage::Sector4k, "sector4k.img", "KESTROW_4KN", 4096, 4096, 0, 16 * MiB, 16 * MiB,
-     false, true, true},
-    {FixtureImage::Cluster512, "cluster512.img", "KESTROW_C512", 512, 512, 0, 16 * MiB, 16 * MiB,
-     false, true, true},
-    {FixtureImage::Cluster64k, "cluster64k.img", "KESTROW_C64K", 512, 65536, 0, 32 * MiB, 32 * MiB,
-     false, true, true},
-    {FixtureImage::Rich, "rich.img", "KESTROW_RICH", 512, 4096, 0, 48 * MiB, 48 * MiB, false, true,
-     false},
+    {FixtureImage::Bare, "bare.img", "KESTROW_BARE", 512, 4096, 1024, 4096, 0, 8 * MiB, 8 * MiB,
+     false, false, false},
+    {FixtureImage::MbrDisk, "disk-mbr.img", "KESTROW_MBR", 512, 4096, 1024, 4096,
+     kMbrNtfsStartSector * 512, kMbrNtfsSectors * 512, 64 * MiB, true, true, false},
+    {FixtureImage::GptDisk, "disk-gpt.img", "KESTROW_GPT", 512, 4096, 1024, 4096,
+     kGptNtfsStartSector * 512, kGptNtfsSectors * 512, 40 * MiB, true, true, false},
+    {FixtureImage::Sector4k, "sector4k.img", "KESTROW_4KN", 4096, 4096, 4096, 4096, 0, 16 * MiB,
+     16 * MiB, false, true, true},
+    {FixtureImage::Cluster512, "cluster512.img", "KESTROW_C512", 512, 512, 1024, 4096, 0, 16 * MiB,
+     16 * MiB, false, true, true},
+    {FixtureImage::Cluster64k, "cluster64k.img", "KESTROW_C64K", 512, 65536, 1024, 4096, 0,
+     32 * MiB, 32 * MiB, false, true, true},
+    {FixtureImage::Rich, "rich.img", "KESTROW_RICH", 512, 4096, 1024, 4096, 0, 48 * MiB, 48 * MiB,
+     false, true, false},
 }};
 
 std::string numbered(std::string_view prefix, int i, int width, std::string_view suffix) {
@@ -117,6 +117,8 @@ void copySparse(const std::filesystem::path& from, const std::filesystem::path& 
 }
 
 } // namespace
+
+void PrintTo(const ImageFacts& facts, std::ostream* out) { *out << facts.fileName; }
 
 std::span<const ImageFacts> allImages() {
     return kImages;

@@ -12,7 +12,8 @@
 // between names (as `fls -p` prints them); windowsPath() turns them into the
 // backslash form.
 //
-// The images (file name, geometry, content):
+// The images (file name, geometry, content). Unless said otherwise a file
+// record is 1 KiB and an INDX block 4 KiB.
 //
 //  bare.img          8 MiB NTFS volume, 512-byte sectors, 4 KiB clusters, label
 //                    "KESTROW_BARE". Freshly formatted: only the system files.
@@ -27,8 +28,9 @@
 //                    "Kestrow NTFS" (Microsoft basic data) at sector 4096 (2 MiB),
 //                    49152 sectors, label "KESTROW_GPT", content kSmallTree.
 //
-//  sector4k.img      16 MiB NTFS volume with 4096-byte sectors, 4 KiB clusters,
-//                    label "KESTROW_4KN", content kSmallTree plus kIndexedDir.
+//  sector4k.img      16 MiB NTFS volume with 4096-byte sectors, 4 KiB clusters
+//                    and 4 KiB file records, label "KESTROW_4KN", content
+//                    kSmallTree plus kIndexedDir.
 //
 //  cluster512.img    16 MiB NTFS volume, 512-byte sectors and 512-byte clusters
 //                    (a 1 KiB file record spans two clusters), label
@@ -66,6 +68,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <filesystem>
+#include <iosfwd>
 #include <span>
 #include <string>
 #include <string_view>
@@ -88,17 +91,22 @@ enum class FixtureImage {
 // Geometry and placement of one image's NTFS volume.
 struct ImageFacts {
     FixtureImage image;
-    std::string_view fileName;     // inside fixtureDir()
-    std::string_view label;        // the NTFS volume label
-    std::uint32_t bytesPerSector;  // of the NTFS volume (and of the disk)
-    std::uint32_t bytesPerCluster; // of the NTFS volume
-    std::uint64_t volumeOffset;    // byte offset of the NTFS volume in the image
-    std::uint64_t volumeSize;      // bytes given to the NTFS volume (partition size)
-    std::uint64_t imageSize;       // bytes of the whole image file
-    bool isWholeDisk;              // has a partition table
-    bool hasSmallTree;             // kSmallTree is on the volume
-    bool hasIndexedDir;            // kIndexedDir is on the volume
+    std::string_view fileName;        // inside fixtureDir()
+    std::string_view label;           // the NTFS volume label
+    std::uint32_t bytesPerSector;     // of the NTFS volume (and of the disk)
+    std::uint32_t bytesPerCluster;    // of the NTFS volume
+    std::uint32_t bytesPerFileRecord; // MFT record size (mkntfs: 4096 on 4Kn volumes)
+    std::uint32_t bytesPerIndexBlock; // INDX block size
+    std::uint64_t volumeOffset;       // byte offset of the NTFS volume in the image
+    std::uint64_t volumeSize;         // bytes given to the NTFS volume (partition size)
+    std::uint64_t imageSize;          // bytes of the whole image file
+    bool isWholeDisk;                 // has a partition table
+    bool hasSmallTree;                // kSmallTree is on the volume
+    bool hasIndexedDir;               // kIndexedDir is on the volume
 };
+
+// Prints the file name (GoogleTest picks this up for parameterised tests).
+void PrintTo(const ImageFacts& facts, std::ostream* out);
 
 // Every image in the order above.
 std::span<const ImageFacts> allImages();

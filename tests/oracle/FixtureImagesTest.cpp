@@ -1,0 +1,436 @@
+// The fixture images hold what Fixtures.h promises, as independent tools
+// (The Sleuth Kit, NTFS-3G's tools, sfdisk) see it. If one of these fails,
+// tests of the library that rely on the same promise cannot be trusted.
+#include "Fixtures.h"
+#include "Oracle.h"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cctype>
+#include <set>
+#include <stdexcept>
+
+namespace kestrow::test {
+namespace {
+
+using namespace oracle;
+
+std::uint64_t sectorOffsetOf(const ImageFacts& facts) {
+    return facts.volumeOffset / 512;
+}
+
+const FlsEntry* findEntry(const std::vector<FlsEntry>& entries, std::string_view path) {
+    for (const auto& entry : entries)
+        if (entry.path == path)
+            return &entry;
+    return nullptr;
+}
+
+std::string asString(const std::vector<std::uint8_t>& bytes) {
+    return {bytes.begin(), bytes.end()};
+}
+
+// ---- Every image -------------------------------------------------------------------
+
+class EveryImage : public ::testing::TestWithParam<ImageFacts> {};
+class ImageWithSmallTree : public ::testing::TestWithParam<ImageFacts> {};
+class ImageWithIndexedDir : public ::testing::TestWithParam<ImageFacts> {};
+
+template <typename Predicate> std::vector<ImageFacts> imagesWhere(Predicate predicate) {
+    std::vector<ImageFacts> chosen;
+    for (const auto& facts : allImages())
+        if (predicate(facts))
+            chosen.push_back(facts);
+    return chosen;
+}
+
+TEST_P(EveryImage, HasTheDocumentedSizeAndGeometry) {
+    const auto& facts = GetParam();
+    const auto image = imagePath(facts.image);
+    ASSERT_TRUE(std::filesystem::is_regular_file(image)) << image;
+    EXPECT_EQ(std::filesystem::file_size(image), facts.imageSize);
+
+    const auto stats = fileSystemStats(image, sectorOffsetOf(facts));
+    EXPECT_EQ(stats.fileSystemType, "NTFS");
+    EXPECT_EQ(stats.label, facts.label);
+    EXPECT_EQ(stats.sectorSize, facts.bytesPerSector);
+    EXPECT_EQ(stats.clusterSize, facts.bytesPerCluster);
+    EXPECT_EQ(stats.mftEntrySize, facts.bytesPerFileRecord);
+    EXPECT_EQ(stats.indexRecordSize, facts.bytesPerIndexBlock);
+    EXPECT_EQ(stats.rootDirectory, 5u);
+    // mkntfs keeps the volume's last sector for the backup boot sector.
+    EXPECT_EQ(stats.totalSectors, facts.volumeSize / facts.bytesPerSector - 1);
+    EXPECT_EQ(stats.totalClusters, stats.totalSectors * stats.sectorSize / stats.clusterSize);
+}
+
+TEST_P(ImageWithSmallTree, HasItsPathsAndContent) {
+    const auto& facts = GetParam();
+    const auto image = imagePath(facts.image);
+    const auto offset = sectorOffsetOf(facts);
+    const auto entries = listFiles(image, offset, FlsSelection::AllocatedOnly);
+    for (auto path : {kReadmePath, kReportPath, kDeepTextPath, kEmptyPath})
+        EXPECT_NE(findEntry(entries, path), nullptr) << path;
+    for (auto path : {kDocsDir, kSubDir}) {
+        const auto* dir = findEntry(entries, path);
+        ASSERT_NE(dir, nullptr) << path;
+        EXPECT_TRUE(dir->isDirectory());
+    }
+    EXPECT_EQ(readContent(image, findEntry(entries, kReadmePath)->inode, offset), kReadmeText);
+    EXPECT_EQ(readContent(image, findEntry(entries, kDeepTextPath)->inode, offset), kDeepText);
+    EXPECT_EQ(readContent(image, findEntry(entries, kEmptyPath)->inode, offset), "");
+    EXPECT_EQ(readContent(image, findEntry(entries, kReportPath)->inode, offset),
+              asString(patternBytes(kReportSeed, 0, kReportSize)));
+
+    const auto report = inspectRecord(image, findEntry(entries, kReportPath)->inode, offset);
+    const auto* data = report.find(kData);
+    ASSERT_NE(data, nullptr);
+    EXPECT_FALSE(data->resident);
+    EXPECT_EQ(data->size, kReportSize);
+    const auto readme = inspectRecord(image, findEntry(entries, kReadmePath)->inode, offset);
+    ASSERT_NE(readme.find(kData), nullptr);
+    EXPECT_TRUE(readme.find(kData)->resident);
+}
+
+TEST_P(ImageWithIndexedDir, DirectoryNeedsSeveralIndexBlocks) {
+    const auto& facts = GetParam();
+    const auto image = imagePath(facts.image);
+    const auto inode = findInode(image, kIndexedDir);
+    ASSERT_TRUE(inode.has_value());
+    const auto record = inspectRecord(image, *inode);
+    const auto* allocation = record.find(kIndexAllocation, "$I30");
+    ASSERT_NE(allocation, nullptr);
+    const auto stats = fileSystemStats(image);
+    EXPECT_GE(allocation->size, 4u * stats.indexRecordSize);
+
+    const auto entries = listFiles(image, 0, FlsSelection::AllocatedOnly);
+    const auto prefix = std::string(kIndexedDir) + "/";
+    const auto children = std::count_if(entries.begin(), entries.end(), [&](const FlsEntry& e) {
+        return e.path.starts_with(prefix);
+    });
+    EXPECT_EQ(children, kIndexedDirEntries);
+    EXPECT_NE(findEntry(entries, prefix + indexedEntryName(kIndexedDirEntries - 1)), nullptr);
+}
+
+TEST_P(ImageWithSmallTree, ClusterBitmapAgreesWithFileRuns) {
+    const auto& facts = GetParam();
+    const auto image = imagePath(facts.image);
+    const auto offset = sectorOffsetOf(facts);
+    const auto used = allocatedClusters(image, offset);
+    const auto stats = fileSystemStats(image, offset);
+    ASSERT_EQ(used.size(), stats.totalClusters);
+    EXPECT_TRUE(used[0]); // $Boot
+    EXPECT_TRUE(used[stats.firstMftCluster]);
+
+    const auto inode = findInode(image, kReportPath, offset);
+    ASSERT_TRUE(inode.has_value());
+    const auto record1 = inspectRecord(image, *inode, offset);
+    const auto* data = record1.find(kData);
+    ASSERT_NE(data, nullptr);
+    ASSERT_FALSE(data->clusters.empty());
+    for (const auto cluster : data->clusters)
+        EXPECT_TRUE(used.at(cluster)) << cluster;
+    const auto owner = findClusterOwner(image, data->clusters.back(), offset);
+    ASSERT_TRUE(owner.has_value());
+    EXPECT_EQ(owner->inode, *inode);
+    EXPECT_EQ(owner->attributeType, kData);
+}
+
+std::string imageName(const ::testing::TestParamInfo<ImageFacts>& info) {
+    std::string name(info.param.fileName);
+    name.erase(std::remove_if(name.begin(), name.end(),
+                              [](char c) { return !std::isalnum(static_cast<unsigned char>(c)); }),
+               name.end());
+    return name;
+}
+
+INSTANTIATE_TEST_SUITE_P(Fixtures, EveryImage, ::testing::ValuesIn(allImages()), imageName);
+INSTANTIATE_TEST_SUITE_P(Fixtures, ImageWithSmallTree,
+                         ::testing::ValuesIn(imagesWhere([](const ImageFacts& facts) {
+                             return facts.hasSmallTree;
+                         })),
+                         imageName);
+INSTANTIATE_TEST_SUITE_P(Fixtures, ImageWithIndexedDir,
+                         ::testing::ValuesIn(imagesWhere([](const ImageFacts& facts) {
+                             return facts.hasIndexedDir;
+                         })),
+                         imageName);
+
+// ---- Whole disks ---------------------------------------------------------------------
+
+TEST(MbrDisk, HasNtfsAtOneMibAndFat32AfterIt) {
+    const auto dump = dumpPartitionTable(mbrDisk());
+    EXPECT_EQ(dump.label, "dos");
+    EXPECT_EQ(dump.labelId, "0x4b455354");
+    ASSERT_EQ(dump.partitions.size(), 2u);
+    EXPECT_EQ(dump.partitions[0].start, kMbrNtfsStartSector);
+    EXPECT_EQ(dump.partitions[0].size, kMbrNtfsSectors);
+    EXPECT_EQ(dump.partitions[0].type, "7");
+    EXPECT_EQ(dump.partitions[1].start, kMbrFatStartSector);
+    EXPECT_EQ(dump.partitions[1].type, "c");
+    EXPECT_EQ(factsOf(FixtureImage::MbrDisk).volumeOffset, 1024u * 1024u);
+
+    const auto table = listPartitions(mbrDisk());
+    EXPECT_EQ(table.tableType, "DOS Partition Table");
+    const auto partitions = table.partitions();
+    ASSERT_EQ(partitions.size(), 2u);
+    EXPECT_EQ(partitions[0].start, kMbrNtfsStartSector);
+    EXPECT_EQ(partitions[1].start, kMbrFatStartSector);
+
+    const auto fat = fileSystemStats(mbrDisk(), kMbrFatStartSector);
+    EXPECT_EQ(fat.fileSystemType, "FAT32");
+}
+
+TEST(GptDisk, HasTheNtfsPartitionAtTwoMib) {
+    const auto dump = dumpPartitionTable(gptDisk());
+    EXPECT_EQ(dump.label, "gpt");
+    ASSERT_EQ(dump.partitions.size(), 2u);
+    EXPECT_EQ(dump.partitions[0].start, kGptSpacerStartSector);
+    EXPECT_EQ(dump.partitions[0].size, kGptSpacerSectors);
+    EXPECT_EQ(dump.partitions[1].start, kGptNtfsStartSector);
+    EXPECT_EQ(dump.partitions[1].size, kGptNtfsSectors);
+    EXPECT_EQ(dump.partitions[1].type, "EBD0A0A2-B9E5-4433-87C0-68B6B72699C7");
+    EXPECT_EQ(dump.partitions[1].name, "Kestrow NTFS");
+
+    const auto partitions = listPartitions(gptDisk()).partitions();
+    ASSERT_EQ(partitions.size(), 2u);
+    EXPECT_EQ(partitions[1].start, kGptNtfsStartSector);
+    EXPECT_EQ(partitions[1].length, kGptNtfsSectors);
+}
+
+// ---- The rich volume -------------------------------------------------------------------
+
+class RichVolume : public ::testing::Test {
+protected:
+    static void SetUpTestSuite() {
+        s_all = new std::vector<FlsEntry>(listFiles(richVolume()));
+        s_allocated =
+            new std::vector<FlsEntry>(listFiles(richVolume(), 0, FlsSelection::AllocatedOnly));
+        s_deleted =
+            new std::vector<FlsEntry>(listFiles(richVolume(), 0, FlsSelection::DeletedOnly));
+    }
+    static void TearDownTestSuite() {
+        delete s_all;
+        delete s_allocated;
+        delete s_deleted;
+    }
+
+    static std::uint64_t inodeOf(std::string_view path) {
+        const auto* entry = findEntry(*s_allocated, path);
+        if (!entry)
+            throw std::runtime_error("rich.img lacks " + std::string(path));
+        return entry->inode;
+    }
+
+    static std::vector<FlsEntry>* s_all;
+    static std::vector<FlsEntry>* s_allocated;
+    static std::vector<FlsEntry>* s_deleted;
+};
+
+std::vector<FlsEntry>* RichVolume::s_all = nullptr;
+std::vector<FlsEntry>* RichVolume::s_allocated = nullptr;
+std::vector<FlsEntry>* RichVolume::s_deleted = nullptr;
+
+TEST_F(RichVolume, MftDataHasSeveralRunsThatNtfsinfoAgreesWith) {
+    const auto record2 = inspectRecord(richVolume(), 0);
+    const auto* data = record2.find(kData);
+    ASSERT_NE(data, nullptr);
+    const auto runs = data->runs();
+    EXPECT_GE(runs.size(), 3u);
+    const auto info = recordInfo(richVolume(), 0);
+    const auto mftRuns = std::find_if(info.runLists.begin(), info.runLists.end(),
+                                      [](const auto& list) { return list.first == "$DATA"; });
+    ASSERT_NE(mftRuns, info.runLists.end());
+    ASSERT_EQ(mftRuns->second.size(), runs.size());
+    for (std::size_t i = 0; i < runs.size(); ++i) {
+        EXPECT_EQ(mftRuns->second[i].lcn, runs[i].firstCluster) << i;
+        EXPECT_EQ(mftRuns->second[i].length, runs[i].count) << i;
+    }
+}
+
+TEST_F(RichVolume, BigDirectoryHasManyIndexBlocksAndAllItsEntries) {
+    const auto record = inspectRecord(richVolume(), inodeOf(rich::kBigDir));
+    const auto* allocation = record.find(kIndexAllocation, "$I30");
+    ASSERT_NE(allocation, nullptr);
+    EXPECT_GE(allocation->size, 20u * 4096u);
+    const auto prefix = std::string(rich::kBigDir) + "/";
+    const auto children =
+        std::count_if(s_allocated->begin(), s_allocated->end(),
+                      [&](const FlsEntry& e) { return e.path.starts_with(prefix); });
+    EXPECT_EQ(children, rich::kBigDirEntries);
+}
+
+TEST_F(RichVolume, HardLinkedFileOverflowsIntoAnAttributeList) {
+    const auto inode = inodeOf(rich::kHardLinkTarget);
+    const auto record = inspectRecord(richVolume(), inode);
+    EXPECT_TRUE(record.has(kAttributeList));
+    EXPECT_EQ(record.links, static_cast<std::uint32_t>(rich::kHardLinkCount));
+    for (int i = 1; i < rich::kHardLinkCount; ++i) {
+        const auto* entry = findEntry(*s_allocated, rich::hardLinkName(i));
+        ASSERT_NE(entry, nullptr) << rich::hardLinkName(i);
+        EXPECT_EQ(entry->inode, inode);
+    }
+    EXPECT_EQ(readContent(richVolume(), inode), rich::kHardLinkText);
+}
+
+TEST_F(RichVolume, NamedStreamsOverflowIntoAnAttributeList) {
+    const auto inode = inodeOf(rich::kStreamsPath);
+    EXPECT_TRUE(inspectRecord(richVolume(), inode).has(kAttributeList));
+    EXPECT_EQ(readContent(richVolume(), inode), rich::kStreamsText);
+    for (int i = 0; i < rich::kStreamCount; ++i) {
+        const auto path = std::string(rich::kStreamsPath) + ":" + rich::streamName(i);
+        const auto* entry = findEntry(*s_allocated, path);
+        ASSERT_NE(entry, nullptr) << path;
+        const auto spec =
+            std::to_string(entry->inode) + "-128-" + std::to_string(entry->attributeId.value_or(0));
+        EXPECT_EQ(readContent(richVolume(), spec), rich::streamContent(i)) << path;
+    }
+}
+
+TEST_F(RichVolume, LongNamesCarryTheirShortNames) {
+    for (const auto& named : rich::kShortNamedFiles) {
+        const auto info = recordInfo(richVolume(), inodeOf(named.path));
+        const auto longName = named.path.substr(named.path.rfind('/') + 1);
+        std::set<std::pair<std::string, std::string>> names;
+        for (const auto& name : info.fileNames)
+            names.emplace(name.name, name.nameSpace);
+        const std::set<std::pair<std::string, std::string>> expected = {
+            {std::string(longName), "Win32"}, {std::string(named.shortName), "DOS"}};
+        EXPECT_EQ(names, expected) << named.path;
+    }
+    const auto shortListing = listDirectory(richVolume(), rich::kNamesDir, true);
+    for (const auto& named : rich::kShortNamedFiles)
+        EXPECT_NE(std::find(shortListing.begin(), shortListing.end(), named.shortName),
+                  shortListing.end())
+            << named.shortName << " not in " << ::testing::PrintToString(shortListing);
+    const auto plain = recordInfo(richVolume(), inodeOf(rich::kPlain83Path));
+    ASSERT_EQ(plain.fileNames.size(), 1u);
+    EXPECT_EQ(plain.fileNames[0].name, "PLAIN.TXT");
+}
+
+TEST_F(RichVolume, NonAsciiNamesAreListedExactly) {
+    for (auto path : rich::kUnicodePaths)
+        EXPECT_NE(findEntry(*s_allocated, path), nullptr) << path;
+    // The emoji is stored as a surrogate pair: two UTF-16 units.
+    const auto emoji = utf8ToUtf16(rich::kUnicodePaths[4]);
+    EXPECT_NE(emoji.find(u'\xD83D'), std::u16string::npos);
+}
+
+TEST_F(RichVolume, FragmentedFilesHaveManyRunsAndTheirContent) {
+    for (auto [path, seed] : {std::pair{rich::kFragmentedA, rich::kFragmentedSeedA},
+                              std::pair{rich::kFragmentedB, rich::kFragmentedSeedB}}) {
+        const auto inode = inodeOf(path);
+        const auto record3 = inspectRecord(richVolume(), inode);
+        const auto* data = record3.find(kData);
+        ASSERT_NE(data, nullptr) << path;
+        EXPECT_GE(data->runs().size(), 10u) << path;
+        EXPECT_EQ(data->size, rich::kFragmentedSize);
+        EXPECT_EQ(readContent(richVolume(), inode),
+                  asString(patternBytes(seed, 0, rich::kFragmentedSize)))
+            << path;
+    }
+}
+
+TEST_F(RichVolume, SparseFileHasAHoleBetweenItsChunks) {
+    const auto inode = inodeOf(rich::kSparsePath);
+    const auto record4 = inspectRecord(richVolume(), inode);
+    const auto* data = record4.find(kData);
+    ASSERT_NE(data, nullptr);
+    EXPECT_TRUE(data->sparse);
+    EXPECT_EQ(data->size, rich::kSparseSize);
+    const auto runs = data->runs();
+    ASSERT_EQ(runs.size(), 3u);
+    EXPECT_FALSE(runs[0].sparse);
+    EXPECT_TRUE(runs[1].sparse);
+    EXPECT_FALSE(runs[2].sparse);
+
+    const auto content = readContent(richVolume(), inode);
+    ASSERT_EQ(content.size(), rich::kSparseSize);
+    EXPECT_EQ(content.substr(0, rich::kSparseChunk),
+              asString(patternBytes(rich::kSparseSeed, 0, rich::kSparseChunk)));
+    EXPECT_EQ(
+        content.substr(rich::kSparseSecondOffset),
+        asString(patternBytes(rich::kSparseSeed, rich::kSparseSecondOffset, rich::kSparseChunk)));
+    const auto hole =
+        content.substr(rich::kSparseChunk, rich::kSparseSecondOffset - rich::kSparseChunk);
+    EXPECT_TRUE(std::all_of(hole.begin(), hole.end(), [](char c) { return c == 0; }));
+}
+
+TEST_F(RichVolume, DeletedItemsAreListedOnlyAsDeleted) {
+    for (auto path :
+         {rich::kDeletedFile, rich::kDeletedDir, rich::kDeletedDirChild, rich::kDeletedRootFile}) {
+        const auto* deleted = findEntry(*s_deleted, path);
+        ASSERT_NE(deleted, nullptr) << path;
+        EXPECT_TRUE(deleted->deleted);
+        EXPECT_EQ(findEntry(*s_allocated, path), nullptr) << path;
+        EXPECT_FALSE(inspectRecord(richVolume(), deleted->inode).allocated) << path;
+    }
+    EXPECT_TRUE(findEntry(*s_deleted, rich::kDeletedDir)->isDirectory());
+    EXPECT_NE(findEntry(*s_allocated, rich::kTrashDir), nullptr);
+    // Every name fls lists without a selection is either allocated or deleted.
+    EXPECT_EQ(s_all->size(), s_allocated->size() + s_deleted->size());
+}
+
+TEST_F(RichVolume, DeepPathAndLargeFileAreThere) {
+    const auto deep = rich::deepFilePath();
+    EXPECT_EQ(std::count(deep.begin(), deep.end(), '/'), rich::kDeepLevels + 1);
+    EXPECT_NE(findEntry(*s_allocated, deep), nullptr);
+    const auto inode = inodeOf(rich::kLargePath);
+    const auto record5 = inspectRecord(richVolume(), inode);
+    const auto* data = record5.find(kData);
+    ASSERT_NE(data, nullptr);
+    EXPECT_EQ(data->size, rich::kLargeSize);
+    EXPECT_EQ(readContent(richVolume(), inode),
+              asString(patternBytes(rich::kLargeSeed, 0, rich::kLargeSize)));
+}
+
+// ---- Scratch copies -------------------------------------------------------------------
+
+TEST(ScratchImage, IsAPrivateCopyThatCanBePatched) {
+    const auto original = bareVolume();
+    const auto before = readFileBytes(original, 0, 512);
+    std::filesystem::path copyPath;
+    {
+        ScratchImage copy(original);
+        copyPath = copy.path();
+        EXPECT_NE(copyPath, original);
+        EXPECT_EQ(copy.size(), std::filesystem::file_size(original));
+        EXPECT_EQ(copy.read(0, 512), before);
+        // The boot sector's OEM name, then a field far into the image.
+        const std::uint8_t oem[] = {'H', 'O', 'S', 'T', 'I', 'L', 'E', '!'};
+        copy.patch(3, oem);
+        copy.patchLe32(copy.size() - 4, 0xDEADBEEF);
+        EXPECT_EQ(asString(copy.read(3, 8)), "HOSTILE!");
+        const auto tail = copy.read(copy.size() - 4, 4);
+        EXPECT_EQ(tail, (std::vector<std::uint8_t>{0xEF, 0xBE, 0xAD, 0xDE}));
+        EXPECT_THROW(copy.patchLe16(copy.size() - 1, 1), std::runtime_error);
+        EXPECT_THROW(copy.patch(copy.size() + 1, {}), std::runtime_error);
+        EXPECT_EQ(copy.size(), std::filesystem::file_size(original));
+    }
+    EXPECT_FALSE(std::filesystem::exists(copyPath));
+    EXPECT_EQ(readFileBytes(original, 0, 512), before);
+}
+
+TEST(ScratchImage, CopyOfAVolumeStillParses) {
+    ScratchImage copy(richVolume());
+    const auto stats = fileSystemStats(copy.path());
+    EXPECT_EQ(stats.label, factsOf(FixtureImage::Rich).label);
+    EXPECT_EQ(readContent(copy.path(), *findInode(copy.path(), rich::kLargePath)),
+              asString(patternBytes(rich::kLargeSeed, 0, rich::kLargeSize)));
+}
+
+TEST(FixtureHelpers, TextAndPatternHelpers) {
+    EXPECT_EQ(windowsPath("Docs/Sub/deep.txt"), "Docs\\Sub\\deep.txt");
+    const std::string emoji = "\xF0\x9F\x98\x80";
+    EXPECT_EQ(utf8ToUtf16(emoji), u"\xD83D\xDE00");
+    EXPECT_EQ(utf16ToUtf8(u"\xD83D\xDE00"), emoji);
+    EXPECT_EQ(utf16ToUtf8(utf8ToUtf16(rich::kUnicodePaths[1])), rich::kUnicodePaths[1]);
+    EXPECT_THROW(utf8ToUtf16("\xC3"), std::invalid_argument);
+    const auto whole = patternBytes(7, 0, 64);
+    const auto part = patternBytes(7, 13, 20);
+    EXPECT_TRUE(std::equal(part.begin(), part.end(), whole.begin() + 13));
+    EXPECT_NE(patternBytes(8, 0, 64), whole);
+}
+
+} // namespace
+} // namespace kestrow::test
