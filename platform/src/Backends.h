@@ -14,6 +14,11 @@ Api& diskImageApi();
 Api& win32Api();
 #endif
 
+// Attaches the disks of KESTROW_DISKS the first time it is called in the
+// process (and only if the host attached none by then); a failure is
+// reported on stderr, since no caller is there to hear it.
+void attachDisksFromEnvironmentOnce();
+
 // The calling thread's last error, as the default Api::GetLastError and
 // Api::SetLastError keep it. Backends set it through these so that an Api
 // installed by a test never sees the backend's bookkeeping.

@@ -610,13 +610,7 @@ BOOL DiskImageApi::GlobalMemoryStatusEx(LPMEMORYSTATUSEX buffer) {
 
 Api& diskImageApi() {
     static DiskImageApi api;
-    static const bool environmentRead = [] {
-        std::string error;
-        if (!attachDisksFromEnvironment(error))
-            std::fprintf(stderr, "kestrow: KESTROW_DISKS: %s\n", error.c_str());
-        return true;
-    }();
-    (void)environmentRead;
+    attachDisksFromEnvironmentOnce();
     return api;
 }
 

@@ -1,9 +1,12 @@
 #include "DiskSet.h"
 
+#include "Backends.h"
+
 #include "Fat.h"
 #include "PartitionTable.h"
 
 #include <cctype>
+#include <cstdio>
 #include <cstdlib>
 #include <mutex>
 #include <set>
@@ -16,7 +19,6 @@ namespace {
 
 std::mutex g_mutex;
 std::shared_ptr<const DiskSet> g_current;
-bool g_environmentTried = false;
 
 constexpr char kFirstLetter = 'C';
 constexpr char kLastLetter = 'Z';
@@ -186,8 +188,6 @@ std::vector<std::string> splitList(const std::string& text) {
 bool attachDisks(const std::vector<std::string>& paths, const std::vector<PinnedLetter>& pinned,
                  std::string& error) {
     std::lock_guard<std::mutex> lock(disk::g_mutex);
-    // An explicit attach settles the matter: the environment is not read later.
-    disk::g_environmentTried = true;
     return disk::attachLocked(paths, pinned, error);
 }
 
@@ -197,15 +197,24 @@ bool attachDisks(const std::vector<std::string>& paths, std::string& error) {
 
 bool attachDisksFromEnvironment(std::string& error) {
     std::lock_guard<std::mutex> lock(disk::g_mutex);
-    if (disk::g_environmentTried)
-        return true;
-    disk::g_environmentTried = true;
     if (disk::g_current && !disk::g_current->disks.empty())
         return true;
     const char* value = std::getenv("KESTROW_DISKS");
     if (value == nullptr || *value == '\0')
         return true;
     return disk::attachLocked(disk::splitList(value), {}, error);
+}
+
+void attachDisksFromEnvironmentOnce() {
+    // The first platform call of the process reads the variable; a host that
+    // attaches disks itself before that call is not overridden.
+    static const bool done = [] {
+        std::string error;
+        if (!attachDisksFromEnvironment(error))
+            std::fprintf(stderr, "kestrow: KESTROW_DISKS: %s\n", error.c_str());
+        return true;
+    }();
+    (void)done;
 }
 
 bool disksAttached() { return !disk::currentDiskSet()->disks.empty(); }

@@ -16,8 +16,7 @@ Api& current() {
     if (g_installed != nullptr)
         return *g_installed;
 #if defined(_WIN32)
-    std::string ignored;
-    attachDisksFromEnvironment(ignored);
+    attachDisksFromEnvironmentOnce();
     if (!disksAttached())
         return win32Api();
 #endif

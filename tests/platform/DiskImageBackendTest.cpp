@@ -1,0 +1,488 @@
+// The disk-image backend on the fixture images, checked against The Sleuth
+// Kit, NTFS-3G's tools and sfdisk, through the same calls the library makes.
+#include "support/Fixtures.h"
+#include "support/Oracle.h"
+
+#include <kestrow/Disks.h>
+#include <kestrow/Platform.h>
+
+#include <gtest/gtest.h>
+
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cstdlib>
+#include <cstring>
+#include <vector>
+
+namespace {
+
+namespace platform = kestrow::platform;
+namespace oracle = kestrow::test::oracle;
+using kestrow::test::FixtureImage;
+using kestrow::test::ImageFacts;
+
+platform::WideString wide(std::u16string_view text) {
+    return platform::WideString(text.begin(), text.end());
+}
+
+platform::WideString wide(std::string_view utf8) {
+    return wide(std::u16string_view(kestrow::test::utf8ToUtf16(utf8)));
+}
+
+std::string utf8(const WCHAR* text) {
+    std::u16string units;
+    for (; *text != 0; ++text)
+        units.push_back(static_cast<char16_t>(*text));
+    return kestrow::test::utf16ToUtf8(units);
+}
+
+// Attaches one image for the life of the object; detaches afterwards.
+class Attached {
+public:
+    explicit Attached(const std::vector<std::string>& paths) {
+        std::string error;
+        m_ok = platform::attachDisks(paths, error);
+        EXPECT_TRUE(m_ok) << error;
+    }
+    ~Attached() {
+        std::string error;
+        platform::attachDisks({}, error);
+    }
+    bool ok() const { return m_ok; }
+
+private:
+    bool m_ok = false;
+};
+
+class Handle {
+public:
+    explicit Handle(std::string_view path, DWORD access = GENERIC_READ | GENERIC_WRITE,
+                    DWORD flags = 0)
+        : m_handle(platform::CreateFileW(wide(path).c_str(), access,
+                                         FILE_SHARE_READ | FILE_SHARE_WRITE, nullptr,
+                                         OPEN_EXISTING, flags, nullptr)),
+          m_error(platform::GetLastError()) {}
+    ~Handle() {
+        if (valid())
+            platform::CloseHandle(m_handle);
+    }
+    Handle(const Handle&) = delete;
+    Handle& operator=(const Handle&) = delete;
+    bool valid() const { return m_handle != INVALID_HANDLE_VALUE; }
+    HANDLE get() const { return m_handle; }
+    DWORD error() const { return m_error; }
+
+private:
+    HANDLE m_handle;
+    DWORD m_error;
+};
+
+struct Pointer {
+    std::int64_t nextVcn;
+    std::int64_t lcn;
+};
+
+// FSCTL_GET_RETRIEVAL_POINTERS from VCN 0, growing the buffer until all fit.
+std::vector<Pointer> retrievalPointers(HANDLE file, DWORD& error) {
+    STARTING_VCN_INPUT_BUFFER input{};
+    std::vector<std::uint8_t> out(sizeof(RETRIEVAL_POINTERS_BUFFER));
+    std::vector<Pointer> runs;
+    error = 0;
+    for (int attempt = 0; attempt < 20; ++attempt) {
+        DWORD returned = 0;
+        const BOOL ok = platform::DeviceIoControl(file, FSCTL_GET_RETRIEVAL_POINTERS, &input,
+                                                  sizeof input, out.data(),
+                                                  static_cast<DWORD>(out.size()), &returned, nullptr);
+        if (!ok && platform::GetLastError() == ERROR_MORE_DATA) {
+            out.resize(out.size() * 2);
+            continue;
+        }
+        if (!ok) {
+            error = platform::GetLastError();
+            return runs;
+        }
+        RETRIEVAL_POINTERS_BUFFER header;
+        std::memcpy(&header, out.data(), sizeof header);
+        EXPECT_EQ(header.StartingVcn.QuadPart, 0);
+        EXPECT_EQ(returned, 16u + 16u * header.ExtentCount);
+        for (DWORD i = 0; i < header.ExtentCount; ++i) {
+            std::int64_t pair[2];
+            std::memcpy(pair, out.data() + 16 + 16 * i, sizeof pair);
+            runs.push_back({pair[0], pair[1]});
+        }
+        return runs;
+    }
+    ADD_FAILURE() << "retrieval pointers never fit";
+    return runs;
+}
+
+// One entry per cluster of the runs: its LCN, or -1 where nothing is stored.
+std::vector<std::int64_t> clustersOf(const std::vector<Pointer>& runs) {
+    std::vector<std::int64_t> clusters;
+    std::int64_t vcn = 0;
+    for (const Pointer& run : runs) {
+        for (std::int64_t i = 0; vcn + i < run.nextVcn; ++i)
+            clusters.push_back(run.lcn == -1 ? -1 : run.lcn + i);
+        vcn = run.nextVcn;
+    }
+    return clusters;
+}
+
+std::vector<std::uint8_t> volumeBitmap(HANDLE volume, std::uint64_t& clusters) {
+    STARTING_LCN_INPUT_BUFFER input{};
+    std::vector<std::uint8_t> out(sizeof(VOLUME_BITMAP_BUFFER));
+    DWORD returned = 0;
+    BOOL ok = platform::DeviceIoControl(volume, FSCTL_GET_VOLUME_BITMAP, &input, sizeof input,
+                                        out.data(), static_cast<DWORD>(out.size()), &returned,
+                                        nullptr);
+    EXPECT_FALSE(ok);
+    EXPECT_EQ(platform::GetLastError(), static_cast<DWORD>(ERROR_MORE_DATA));
+    EXPECT_EQ(returned, 24u); // the header and the 8 bytes that fit
+    VOLUME_BITMAP_BUFFER header;
+    std::memcpy(&header, out.data(), sizeof header);
+    clusters = static_cast<std::uint64_t>(header.BitmapSize.QuadPart);
+    out.resize(16 + (clusters + 7) / 8);
+    ok = platform::DeviceIoControl(volume, FSCTL_GET_VOLUME_BITMAP, &input, sizeof input,
+                                   out.data(), static_cast<DWORD>(out.size()), &returned, nullptr);
+    EXPECT_TRUE(ok) << platform::GetLastError();
+    EXPECT_EQ(returned, out.size());
+    return {out.begin() + 16, out.end()};
+}
+
+class EveryImage : public testing::TestWithParam<ImageFacts> {};
+
+INSTANTIATE_TEST_SUITE_P(Fixtures, EveryImage, testing::ValuesIn(kestrow::test::allImages()),
+                         [](const auto& info) {
+                             std::string name(info.param.fileName);
+                             name = name.substr(0, name.find('.'));
+                             for (char& c : name)
+                                 if (c == '-')
+                                     c = '_';
+                             return name;
+                         });
+
+TEST_P(EveryImage, VolumeIsFoundWhereThePartitionTableSaysAndGetsLetterC) {
+    const ImageFacts& facts = GetParam();
+    Attached attached({kestrow::test::imagePath(facts.image).string()});
+    ASSERT_TRUE(attached.ok());
+    const auto disks = platform::attachedDisks();
+    ASSERT_EQ(disks.size(), 1u);
+    EXPECT_EQ(disks[0].bytesPerSector, facts.bytesPerSector);
+    EXPECT_EQ(disks[0].size, facts.imageSize);
+    const auto volumes = platform::attachedVolumes();
+    ASSERT_FALSE(volumes.empty());
+    EXPECT_EQ(volumes[0].letter, 'C');
+    EXPECT_EQ(volumes[0].fileSystem, "NTFS");
+    EXPECT_EQ(volumes[0].offset, facts.volumeOffset);
+    EXPECT_EQ(volumes[0].length, facts.volumeSize);
+    if (facts.isWholeDisk) {
+        const oracle::SfdiskDump dump = oracle::dumpPartitionTable(kestrow::test::imagePath(facts.image));
+        bool matched = false;
+        for (const auto& partition : dump.partitions) {
+            if (partition.start * dump.sectorSize == volumes[0].offset) {
+                EXPECT_EQ(partition.size * dump.sectorSize, volumes[0].length);
+                matched = true;
+            }
+        }
+        EXPECT_TRUE(matched) << "no sfdisk partition starts at " << volumes[0].offset;
+        EXPECT_EQ(disks[0].partitionTable, dump.label == "dos" ? "MBR" : "GPT");
+    } else {
+        EXPECT_EQ(disks[0].partitionTable, "none");
+        EXPECT_EQ(volumes.size(), 1u);
+    }
+}
+
+TEST_P(EveryImage, VolumeInformationAndGeometryAgreeWithFsstat) {
+    const ImageFacts& facts = GetParam();
+    const auto image = kestrow::test::imagePath(facts.image);
+    const oracle::FsstatResult fsstat = oracle::fileSystemStats(image, facts.volumeOffset / 512);
+    Attached attached({image.string()});
+    ASSERT_TRUE(attached.ok());
+
+    WCHAR label[1024] = {};
+    WCHAR fileSystem[256] = {};
+    DWORD serial = 0;
+    DWORD maxComponent = 0;
+    DWORD flags = 0;
+    ASSERT_TRUE(platform::GetVolumeInformationW(wide("\\\\.\\C:\\").c_str(), label, 1024, &serial,
+                                                &maxComponent, &flags, fileSystem, 256))
+        << platform::GetLastError();
+    EXPECT_EQ(utf8(label), facts.label);
+    EXPECT_EQ(utf8(label), fsstat.label);
+    EXPECT_EQ(utf8(fileSystem), "NTFS");
+    EXPECT_EQ(serial, static_cast<DWORD>(fsstat.serialNumber & 0xFFFFFFFFu));
+    EXPECT_EQ(maxComponent, 255u);
+    EXPECT_NE(flags & FILE_READ_ONLY_VOLUME, 0u);
+
+    DWORD sectorsPerCluster = 0, bytesPerSector = 0, freeClusters = 0, totalClusters = 0;
+    ASSERT_TRUE(platform::GetDiskFreeSpaceW(wide("\\\\.\\C:\\").c_str(), &sectorsPerCluster,
+                                            &bytesPerSector, &freeClusters, &totalClusters));
+    EXPECT_EQ(bytesPerSector, facts.bytesPerSector);
+    EXPECT_EQ(bytesPerSector, fsstat.sectorSize);
+    EXPECT_EQ(sectorsPerCluster * bytesPerSector, facts.bytesPerCluster);
+    EXPECT_EQ(totalClusters, fsstat.totalClusters);
+    const std::vector<bool> allocated = oracle::allocatedClusters(image, facts.volumeOffset / 512);
+    const auto used = static_cast<std::uint64_t>(std::count(allocated.begin(), allocated.end(), true));
+    EXPECT_EQ(freeClusters, allocated.size() - used);
+
+    Handle volume("\\\\?\\C:");
+    ASSERT_TRUE(volume.valid()) << volume.error();
+    NTFS_VOLUME_DATA_BUFFER data{};
+    DWORD returned = 0;
+    ASSERT_TRUE(platform::DeviceIoControl(volume.get(), FSCTL_GET_NTFS_VOLUME_DATA, nullptr, 0,
+                                          &data, sizeof data, &returned, nullptr));
+    EXPECT_EQ(returned, sizeof data);
+    EXPECT_EQ(static_cast<std::uint64_t>(data.VolumeSerialNumber.QuadPart), fsstat.serialNumber);
+    EXPECT_EQ(data.BytesPerFileRecordSegment, facts.bytesPerFileRecord);
+    EXPECT_EQ(data.BytesPerFileRecordSegment, fsstat.mftEntrySize);
+    EXPECT_EQ(data.BytesPerSector, facts.bytesPerSector);
+    EXPECT_EQ(data.BytesPerCluster, facts.bytesPerCluster);
+    EXPECT_EQ(static_cast<std::uint64_t>(data.MftStartLcn.QuadPart), fsstat.firstMftCluster);
+    EXPECT_EQ(static_cast<std::uint64_t>(data.Mft2StartLcn.QuadPart), fsstat.firstMftMirrorCluster);
+    EXPECT_EQ(static_cast<std::uint64_t>(data.TotalClusters.QuadPart), fsstat.totalClusters);
+    EXPECT_EQ(static_cast<std::uint64_t>(data.FreeClusters.QuadPart), freeClusters);
+
+    if (!facts.isWholeDisk) {
+        // NTFS-3G's view of the same volume (ntfsinfo reads whole volumes only).
+        const auto info = oracle::volumeInfo(image);
+        EXPECT_EQ(utf8(label), info.at("Volume Name"));
+        EXPECT_EQ(std::to_string(data.BytesPerCluster), info.at("Cluster Size"));
+        EXPECT_EQ(std::to_string(data.BytesPerSector), info.at("Sector Size"));
+        EXPECT_EQ(std::to_string(data.BytesPerFileRecordSegment), info.at("MFT Record Size"));
+        EXPECT_EQ(std::to_string(data.TotalClusters.QuadPart), info.at("Volume Size in Clusters"));
+        EXPECT_EQ(std::to_string(data.MftStartLcn.QuadPart),
+                  info.at("LCN of Data Attribute for FILE_MFT"));
+        const std::string freeText = info.at("Free Clusters");
+        EXPECT_EQ(std::to_string(freeClusters), freeText.substr(0, freeText.find(' ')));
+    }
+}
+
+TEST_P(EveryImage, DiskExtentIsTheVolumesPlaceOnTheDisk) {
+    const ImageFacts& facts = GetParam();
+    Attached attached({kestrow::test::imagePath(facts.image).string()});
+    ASSERT_TRUE(attached.ok());
+    Handle volume("\\\\?\\C:");
+    ASSERT_TRUE(volume.valid());
+    VOLUME_DISK_EXTENTS extents{};
+    DWORD returned = 0;
+    ASSERT_TRUE(platform::DeviceIoControl(volume.get(), IOCTL_VOLUME_GET_VOLUME_DISK_EXTENTS,
+                                          nullptr, 0, &extents, sizeof extents, &returned, nullptr));
+    EXPECT_EQ(returned, sizeof extents);
+    EXPECT_EQ(extents.NumberOfDiskExtents, 1u);
+    EXPECT_EQ(extents.Extents[0].DiskNumber, 0u);
+    EXPECT_EQ(static_cast<std::uint64_t>(extents.Extents[0].StartingOffset.QuadPart),
+              facts.volumeOffset);
+    EXPECT_EQ(static_cast<std::uint64_t>(extents.Extents[0].ExtentLength.QuadPart), facts.volumeSize);
+}
+
+TEST_P(EveryImage, MftRunsAgreeWithIstatAndNtfsinfo) {
+    const ImageFacts& facts = GetParam();
+    const auto image = kestrow::test::imagePath(facts.image);
+    const oracle::IstatResult istat = oracle::inspectRecord(image, 0, facts.volumeOffset / 512);
+    const oracle::IstatAttribute* data = istat.find(oracle::kData);
+    ASSERT_NE(data, nullptr);
+    Attached attached({image.string()});
+    ASSERT_TRUE(attached.ok());
+    ASSERT_NE(platform::GetFileAttributesW(wide("C:\\$MFT").c_str()), INVALID_FILE_ATTRIBUTES);
+    // The library opens the file with no access, only for the control request.
+    Handle mft("\\\\.\\C:\\$MFT", 0, FILE_FLAG_OVERLAPPED | FILE_FLAG_NO_BUFFERING);
+    ASSERT_TRUE(mft.valid()) << mft.error();
+    DWORD error = 0;
+    const std::vector<Pointer> runs = retrievalPointers(mft.get(), error);
+    ASSERT_EQ(error, 0u);
+    const std::vector<std::int64_t> clusters = clustersOf(runs);
+
+    // istat lists every allocated cluster, but shows those past the
+    // initialized size as 0: compare the initialized part only.
+    ASSERT_EQ(clusters.size(), data->clusters.size());
+    const std::uint64_t initialized =
+        (data->initializedSize + facts.bytesPerCluster - 1) / facts.bytesPerCluster;
+    for (std::uint64_t i = 0; i < initialized && i < clusters.size(); ++i)
+        ASSERT_EQ(clusters[i], static_cast<std::int64_t>(data->clusters[i])) << "VCN " << i;
+
+    if (!facts.isWholeDisk) {
+        // ntfsinfo gives the run list itself.
+        const oracle::NtfsinfoRecord record = oracle::recordInfo(image, 0);
+        const auto dataRuns = std::find_if(record.runLists.begin(), record.runLists.end(),
+                                           [](const auto& list) { return list.first == "$DATA"; });
+        ASSERT_NE(dataRuns, record.runLists.end());
+        std::vector<Pointer> expected;
+        for (const oracle::NtfsinfoRun& run : dataRuns->second)
+            expected.push_back({static_cast<std::int64_t>(run.vcn + run.length),
+                                run.lcn ? static_cast<std::int64_t>(*run.lcn) : -1});
+        EXPECT_EQ(clusters, clustersOf(expected));
+    }
+}
+
+TEST_P(EveryImage, BitmapAgreesWithTheSleuthKit) {
+    const ImageFacts& facts = GetParam();
+    const auto image = kestrow::test::imagePath(facts.image);
+    const std::vector<bool> expected = oracle::allocatedClusters(image, facts.volumeOffset / 512);
+    Attached attached({image.string()});
+    ASSERT_TRUE(attached.ok());
+    Handle volume("\\\\?\\C:");
+    ASSERT_TRUE(volume.valid());
+    std::uint64_t clusters = 0;
+    const std::vector<std::uint8_t> bitmap = volumeBitmap(volume.get(), clusters);
+    ASSERT_EQ(clusters, expected.size());
+    std::size_t mismatches = 0;
+    for (std::uint64_t c = 0; c < clusters; ++c) {
+        if (((bitmap[c / 8] >> (c % 8)) & 1) != (expected[c] ? 1 : 0))
+            ++mismatches;
+    }
+    EXPECT_EQ(mismatches, 0u);
+}
+
+TEST_P(EveryImage, VolumeAndDiskHandlesReadRawSectorsUnderDeviceRules) {
+    const ImageFacts& facts = GetParam();
+    const auto image = kestrow::test::imagePath(facts.image);
+    Attached attached({image.string()});
+    ASSERT_TRUE(attached.ok());
+    const std::uint32_t sector = facts.bytesPerSector;
+    const auto expectedBoot = kestrow::test::readFileBytes(image, facts.volumeOffset, sector);
+
+    Handle volume("\\\\.\\C:");
+    ASSERT_TRUE(volume.valid());
+    std::vector<std::uint8_t> buffer(2 * sector, 0xEE);
+    DWORD got = 0;
+    ASSERT_TRUE(platform::ReadFile(volume.get(), buffer.data(), sector, &got, nullptr));
+    EXPECT_EQ(got, sector);
+    EXPECT_TRUE(std::equal(expectedBoot.begin(), expectedBoot.end(), buffer.begin()));
+
+    // Not a whole sector, then not on a sector boundary.
+    EXPECT_FALSE(platform::ReadFile(volume.get(), buffer.data(), sector / 2, &got, nullptr));
+    EXPECT_EQ(platform::GetLastError(), static_cast<DWORD>(ERROR_INVALID_PARAMETER));
+    LARGE_INTEGER at;
+    at.QuadPart = sector / 2;
+    ASSERT_TRUE(platform::SetFilePointerEx(volume.get(), at, nullptr, FILE_BEGIN));
+    EXPECT_FALSE(platform::ReadFile(volume.get(), buffer.data(), sector, &got, nullptr));
+    EXPECT_EQ(platform::GetLastError(), static_cast<DWORD>(ERROR_INVALID_PARAMETER));
+    if (sector == 4096) {
+        // A 1024-byte record read is not a whole sector of a 4Kn disk.
+        at.QuadPart = 0;
+        platform::SetFilePointerEx(volume.get(), at, nullptr, FILE_BEGIN);
+        EXPECT_FALSE(platform::ReadFile(volume.get(), buffer.data(), 1024, &got, nullptr));
+        EXPECT_EQ(platform::GetLastError(), static_cast<DWORD>(ERROR_INVALID_PARAMETER));
+    }
+
+    // The last sector of the volume, then past its end: what exists, then nothing.
+    at.QuadPart = static_cast<LONGLONG>(facts.volumeSize - sector);
+    LARGE_INTEGER now{};
+    ASSERT_TRUE(platform::SetFilePointerEx(volume.get(), at, &now, FILE_BEGIN));
+    EXPECT_EQ(now.QuadPart, at.QuadPart);
+    ASSERT_TRUE(platform::ReadFile(volume.get(), buffer.data(), 2 * sector, &got, nullptr));
+    EXPECT_EQ(got, sector);
+    ASSERT_TRUE(platform::ReadFile(volume.get(), buffer.data(), sector, &got, nullptr));
+    EXPECT_EQ(got, 0u);
+
+    // The disk handle reads the whole disk: the volume's boot sector sits at its offset.
+    Handle disk("\\\\.\\PhysicalDrive0");
+    ASSERT_TRUE(disk.valid());
+    at.QuadPart = static_cast<LONGLONG>(facts.volumeOffset);
+    ASSERT_TRUE(platform::SetFilePointerEx(disk.get(), at, nullptr, FILE_BEGIN));
+    ASSERT_TRUE(platform::ReadFile(disk.get(), buffer.data(), sector, &got, nullptr));
+    EXPECT_TRUE(std::equal(expectedBoot.begin(), expectedBoot.end(), buffer.begin()));
+}
+
+TEST(DiskImageBackend, MbrDiskGivesTheFatPartitionTheNextLetter) {
+    const auto image = kestrow::test::mbrDisk();
+    Attached attached({image.string()});
+    ASSERT_TRUE(attached.ok());
+    const auto volumes = platform::attachedVolumes();
+    ASSERT_EQ(volumes.size(), 2u);
+    EXPECT_EQ(volumes[1].letter, 'D');
+    EXPECT_EQ(volumes[1].fileSystem, "FAT32");
+    EXPECT_EQ(volumes[1].partition, 2u);
+    EXPECT_EQ(volumes[1].offset, kestrow::test::kMbrFatStartSector * 512);
+
+    WCHAR fileSystem[64] = {};
+    DWORD serial = 0;
+    ASSERT_TRUE(platform::GetVolumeInformationW(wide("D:\\").c_str(), nullptr, 0, &serial, nullptr,
+                                                nullptr, fileSystem, 64));
+    EXPECT_EQ(utf8(fileSystem), "FAT32");
+    // The boot sector's own serial (offset 0x43 of a FAT32 boot sector).
+    const auto boot = kestrow::test::readFileBytes(image, volumes[1].offset, 512);
+    DWORD expectedSerial = 0;
+    std::memcpy(&expectedSerial, boot.data() + 0x43, 4);
+    EXPECT_EQ(serial, expectedSerial);
+
+    DWORD spc = 0, bps = 0, freeClusters = 0, total = 0;
+    ASSERT_TRUE(platform::GetDiskFreeSpaceW(wide("D:\\").c_str(), &spc, &bps, &freeClusters, &total));
+    EXPECT_EQ(bps, 512u);
+    EXPECT_GT(total, 0u);
+    EXPECT_LT(freeClusters, total);
+
+    Handle fat("\\\\?\\D:");
+    ASSERT_TRUE(fat.valid());
+    NTFS_VOLUME_DATA_BUFFER data{};
+    DWORD returned = 0;
+    EXPECT_FALSE(platform::DeviceIoControl(fat.get(), FSCTL_GET_NTFS_VOLUME_DATA, nullptr, 0, &data,
+                                           sizeof data, &returned, nullptr));
+    EXPECT_EQ(platform::GetLastError(), static_cast<DWORD>(ERROR_INVALID_FUNCTION));
+}
+
+TEST(DiskImageBackend, SeveralDisksAreNumberedAndLetteredInOrder) {
+    Attached attached({kestrow::test::bareVolume().string(), kestrow::test::gptDisk().string(),
+                       kestrow::test::mbrDisk().string()});
+    ASSERT_TRUE(attached.ok());
+    const auto volumes = platform::attachedVolumes();
+    ASSERT_EQ(volumes.size(), 4u);
+    const char letters[] = {'C', 'D', 'E', 'F'};
+    const std::uint32_t disks[] = {0, 1, 2, 2};
+    for (std::size_t i = 0; i < volumes.size(); ++i) {
+        EXPECT_EQ(volumes[i].letter, letters[i]);
+        EXPECT_EQ(volumes[i].diskNumber, disks[i]);
+    }
+    EXPECT_EQ(volumes[1].partition, 2u); // the GPT spacer partition holds no volume
+    WCHAR label[64] = {};
+    ASSERT_TRUE(platform::GetVolumeInformationW(wide("E:\\").c_str(), label, 64, nullptr, nullptr,
+                                                nullptr, nullptr, 0));
+    EXPECT_EQ(utf8(label), "KESTROW_MBR");
+    Handle disk2("\\\\.\\PhysicalDrive2");
+    EXPECT_TRUE(disk2.valid());
+    Handle disk3("\\\\.\\PhysicalDrive3");
+    EXPECT_FALSE(disk3.valid());
+    EXPECT_EQ(disk3.error(), static_cast<DWORD>(ERROR_FILE_NOT_FOUND));
+}
+
+TEST(DiskImageBackend, PinnedLettersWinAndTheRestFillFromC) {
+    std::string error;
+    ASSERT_TRUE(platform::attachDisks({kestrow::test::mbrDisk().string()}, {{'K', 0, 2}}, error))
+        << error;
+    const auto volumes = platform::attachedVolumes();
+    ASSERT_EQ(volumes.size(), 2u);
+    EXPECT_EQ(volumes[0].letter, 'C');
+    EXPECT_EQ(volumes[1].letter, 'K');
+    EXPECT_FALSE(platform::attachDisks({kestrow::test::mbrDisk().string()}, {{'K', 0, 7}}, error));
+    EXPECT_NE(error.find("partition 7"), std::string::npos) << error;
+    // The failed attach left the previous set in place.
+    EXPECT_EQ(platform::attachedVolumes().size(), 2u);
+    EXPECT_FALSE(platform::attachDisks({"/nonexistent/disk.img"}, error));
+    EXPECT_NE(error.find("/nonexistent/disk.img"), std::string::npos) << error;
+    platform::attachDisks({}, error);
+    EXPECT_FALSE(platform::disksAttached());
+}
+
+TEST(DiskImageBackend, EnvironmentVariableAttachesDisksOnFirstUse) {
+    // A fresh process, as the variable is read once per process.
+    const pid_t child = fork();
+    ASSERT_GE(child, 0);
+    if (child == 0) {
+        const std::string list = kestrow::test::bareVolume().string() + ":" +
+                                 kestrow::test::gptDisk().string();
+        setenv("KESTROW_DISKS", list.c_str(), 1);
+        std::string error;
+        const bool ok = platform::attachDisksFromEnvironment(error) &&
+                        platform::attachedDisks().size() == 2 &&
+                        platform::attachedVolumes().size() == 2 &&
+                        platform::attachedVolumes()[1].letter == 'D';
+        _exit(ok ? 0 : 1);
+    }
+    int status = 0;
+    waitpid(child, &status, 0);
+    ASSERT_TRUE(WIFEXITED(status));
+    EXPECT_EQ(WEXITSTATUS(status), 0);
+}
+
+} // namespace
