@@ -281,6 +281,9 @@ TEST_F(RichVolume, NamedStreamsOverflowIntoAnAttributeList) {
         const auto path = std::string(rich::kStreamsPath) + ":" + rich::streamName(i);
         const auto* entry = findEntry(*s_allocated, path);
         ASSERT_NE(entry, nullptr) << path;
+        // icat is slow on records with an attribute list: read a few streams.
+        if (i != 0 && i != rich::kStreamCount / 2 && i != rich::kStreamCount - 1)
+            continue;
         const auto spec =
             std::to_string(entry->inode) + "-128-" + std::to_string(entry->attributeId.value_or(0));
         EXPECT_EQ(readContent(richVolume(), spec), rich::streamContent(i)) << path;
