@@ -1,0 +1,138 @@
+// postProcess: index blocks read through the volume, on a fake disk.
+#include "FakeVolumeFixture.h"
+
+#include "support/LogCapture.h"
+
+#include <gmock/gmock.h>
+
+#include <cstring>
+
+using ::testing::ElementsAre;
+using ::testing::IsEmpty;
+
+namespace kestrow::test {
+namespace {
+
+class PostProcessTest : public FakeVolumeTest {
+protected:
+    void SetUp() override {
+        FakeVolumeTest::SetUp();
+        ASSERT_TRUE(m_drive.open(orv::CreateFileOpenArgs(
+            orv::String("\\\\.\\PhysicalDrive0"), GENERIC_READ,
+            FILE_SHARE_READ | FILE_SHARE_WRITE, OPEN_EXISTING, 0)));
+    }
+    void TearDown() override {
+        m_drive.release();
+        FakeVolumeTest::TearDown();
+    }
+
+    // Writes bytes at a volume cluster (plus a byte offset) of the fake disk.
+    void writeAtCluster(std::uint64_t cluster, const Bytes& bytes, std::size_t offset = 0) {
+        std::vector<std::uint8_t>& disk = m_fake.disk(0).bytes;
+        const std::size_t at = VOLUME_OFFSET + cluster * 4096 + offset;
+        ASSERT_LE(at + bytes.size(), disk.size());
+        std::memcpy(disk.data() + at, bytes.data(), bytes.size());
+    }
+
+    // A directory whose root names `rootChildren` and whose $I30 allocation
+    // has the given run bytes.
+    FileRecord directory(const std::vector<std::uint64_t>& rootChildren, const Bytes& runs,
+                         std::uint64_t clusters) {
+        std::vector<Bytes> entries;
+        for (std::uint64_t child : rootChildren)
+            entries.push_back(indexEntry(reference(child, 1)));
+        entries.push_back(lastIndexEntry());
+        return parse(RecordBuilder()
+                         .directory(true)
+                         .add(residentAttribute(0x90, indexRootValue(entries), u"$I30"))
+                         .add(nonResidentAttribute(0xA0, runs, clusters * 4096, clusters * 4096,
+                                                   u"$I30"))
+                         .build());
+    }
+
+    VolumeHandle m_drive;
+};
+
+TEST_F(PostProcessTest, ReadsEachRunOnceAndListsEveryChildOnce) {
+    // Run 1: two clusters at volume cluster 0x40 (one 8 KiB read); run 2: one
+    // cluster at 0x50.
+    writeAtCluster(0x40, indexBlock({indexEntry(101), indexEntry(102), indexEntry(103),
+                                     lastIndexEntry()}));
+    writeAtCluster(0x41, indexBlock({indexEntry(104), indexEntry(102), lastIndexEntry()}));
+    writeAtCluster(0x50, indexBlock({indexEntry(105), indexEntry(100), lastIndexEntry()}));
+    FileRecord record = directory({100, 101}, {0x11, 0x02, 0x40, 0x11, 0x01, 0x10, 0x00}, 3);
+    ASSERT_THAT(toVector(record.getIndexEntries()), ElementsAre(100u, 101u));
+
+    m_fake.clearLog();
+    record.postProcess(m_drive);
+    EXPECT_THAT(toVector(record.getIndexEntries()),
+                ElementsAre(100u, 101u, 102u, 103u, 104u, 105u));
+    using Read = std::pair<std::uint64_t, std::uint32_t>;
+    EXPECT_THAT(m_fake.reads(), ElementsAre(Read(VOLUME_OFFSET + 0x40 * 4096, 8192),
+                                            Read(VOLUME_OFFSET + 0x50 * 4096, 4096)));
+
+    // A second call finds nothing new.
+    record.postProcess(m_drive);
+    EXPECT_EQ(record.getIndexEntries().size(), 6u);
+}
+
+TEST_F(PostProcessTest, BlocksAreFoundAtEverySectorStart) {
+    // 1 KiB blocks at sectors 0, 2 and 5 of one cluster; sector 3 holds junk.
+    writeAtCluster(0x40, indexBlock({indexEntry(200), lastIndexEntry()}, 1024), 0);
+    writeAtCluster(0x40, indexBlock({indexEntry(201), lastIndexEntry()}, 1024), 1024);
+    writeAtCluster(0x40, Bytes(512, 0xEE), 1536);
+    writeAtCluster(0x40, indexBlock({indexEntry(202), lastIndexEntry()}, 1024), 2560);
+    FileRecord record = directory({}, {0x11, 0x01, 0x40, 0x00}, 1);
+    record.postProcess(m_drive);
+    EXPECT_THAT(toVector(record.getIndexEntries()), ElementsAre(200u, 201u, 202u));
+}
+
+TEST_F(PostProcessTest, WithoutI30AllocationNothingIsRead) {
+    FileRecord record = parse(
+        RecordBuilder()
+            .add(residentAttribute(0x90, indexRootValue({indexEntry(9), lastIndexEntry()}), u"$I30"))
+            .add(nonResidentAttribute(0xA0, {0x11, 0x01, 0x40, 0x00}, 4096, 4096, u"$SDH"))
+            .build());
+    m_fake.clearLog();
+    record.postProcess(m_drive);
+    EXPECT_EQ(m_fake.readCount(), 0u);
+    EXPECT_THAT(toVector(record.getIndexEntries()), ElementsAre(9u));
+}
+
+TEST_F(PostProcessTest, FailedReadSkipsItsRangeOnly) {
+    writeAtCluster(0x40, indexBlock({indexEntry(300), lastIndexEntry()}));
+    writeAtCluster(0x50, indexBlock({indexEntry(301), lastIndexEntry()}));
+    FileRecord record = directory({}, {0x11, 0x01, 0x40, 0x11, 0x01, 0x10, 0x00}, 2);
+    m_fake.failReadAtSector(0, (VOLUME_OFFSET + 0x40 * 4096) / 512);
+    record.postProcess(m_drive);
+    EXPECT_THAT(toVector(record.getIndexEntries()), ElementsAre(301u));
+}
+
+TEST_F(PostProcessTest, BlocksWithBadOffsetsStayInsideTheBuffer) {
+    // First-entry field far past the buffer: the 32-bit bound wraps.
+    Bytes farOff = indexBlock({indexEntry(400), lastIndexEntry()});
+    putLe(farOff, 0x18, 0xFFFFFF00, 4);
+    writeAtCluster(0x40, farOff);
+    // An entry whose length runs past the buffer's end.
+    Bytes overlong = indexBlock({indexEntry(401), indexEntry(402)});
+    putLe(overlong, 0x58 + 0x68 + 8, 0xF000, 2);
+    putLe(overlong, 0x1C, 0xFFFF, 4);
+    writeAtCluster(0x41, overlong);
+    // A block header in the last bytes of the buffer.
+    writeAtCluster(0x42, Bytes{'I', 'N', 'D', 'X'}, 4096 - 512);
+    FileRecord record = directory({}, {0x11, 0x03, 0x40, 0x00}, 3);
+    record.postProcess(m_drive);
+    EXPECT_THAT(toVector(record.getIndexEntries()), ElementsAre(401u));
+}
+
+TEST_F(PostProcessTest, InvalidHandleReadsNothing) {
+    FileRecord record = directory({}, {0x11, 0x01, 0x40, 0x00}, 1);
+    VolumeHandle none;
+    LogCapture log;
+    record.postProcess(none);
+    EXPECT_THAT(toVector(record.getIndexEntries()), IsEmpty());
+    EXPECT_TRUE(log.contains("412 Handle is invalid"));
+}
+
+} // namespace
+} // namespace kestrow::test
