@@ -92,9 +92,11 @@ public:
     // Low-level access for bulk builders: the caller closes what it opens.
     _ntfs_volume* volume() { return m_volume; }
     _ntfs_inode* openInode(std::uint64_t reference);
-    // Creates `name` in the open directory `parent`; returns the new record's
-    // reference. Does not touch the path table.
-    std::uint64_t createIn(_ntfs_inode* parent, std::u16string_view name, bool directory);
+    // Creates `name` in the open directory `parent`, with `content` in its
+    // unnamed $DATA; returns the new record's reference. Does not touch the
+    // path table. Content must be written this way while `parent` is open.
+    std::uint64_t createIn(_ntfs_inode* parent, std::u16string_view name, bool directory,
+                           std::span<const std::uint8_t> content = {});
 
 private:
     std::uint64_t create(std::string_view path, bool directory);

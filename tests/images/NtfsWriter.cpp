@@ -128,7 +128,8 @@ std::uint64_t NtfsWriter::freeClusters() const {
     return static_cast<std::uint64_t>(m_volume->free_clusters);
 }
 
-std::uint64_t NtfsWriter::createIn(ntfs_inode* parent, std::u16string_view name, bool directory) {
+std::uint64_t NtfsWriter::createIn(ntfs_inode* parent, std::u16string_view name, bool directory,
+                                   std::span<const std::uint8_t> content) {
     auto ntfsName = toNtfsName(name);
     ntfs_inode* inode =
         ntfs_create(parent, const_cpu_to_le32(0), ntfsName.data(), static_cast<u8>(ntfsName.size()),
@@ -136,8 +137,27 @@ std::uint64_t NtfsWriter::createIn(ntfs_inode* parent, std::u16string_view name,
     if (!inode)
         fail("ntfs_create", kestrow::test::utf16ToUtf8(name));
     const u64 reference = referenceOf(inode);
+    bool wrote = true;
+    if (!content.empty()) {
+        // Written while the new inode is still open against this very parent:
+        // closing it then updates the parent's index entry through `parent`.
+        // Reopening the file later would make the library open a second,
+        // independent copy of a directory that is still open here.
+        ntfs_attr* data = ntfs_attr_open(inode, AT_DATA, AT_UNNAMED, 0);
+        wrote = data != nullptr;
+        if (data) {
+            try {
+                writeAll(data, 0, content, kestrow::test::utf16ToUtf8(name));
+            } catch (...) {
+                wrote = false;
+            }
+            ntfs_attr_close(data);
+        }
+    }
     if (ntfs_inode_close_in_dir(inode, parent) != 0)
         fail("ntfs_inode_close", kestrow::test::utf16ToUtf8(name));
+    if (!wrote)
+        fail("writing the content of", kestrow::test::utf16ToUtf8(name));
     return reference;
 }
 

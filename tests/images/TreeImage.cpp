@@ -126,22 +126,14 @@ void buildTreeImage(const std::filesystem::path& image, std::uint64_t fileCount)
         for (std::uint64_t f = 0; f < dirs[index].files; ++f) {
             const auto name = makeName(random, kStems, std::size(kStems),
                                        kExtensions[random() % std::size(kExtensions)], serial++);
-            const std::uint64_t reference = writer.createIn(dir, name, false);
             // One file in 16 gets a little resident content.
+            std::string text;
             if (random() % 16 == 0) {
-                ntfs_inode* file = writer.openInode(reference);
-                ntfs_attr* data = ntfs_attr_open(file, AT_DATA, AT_UNNAMED, 0);
-                const std::string text = "content " + std::to_string(serial) + "\n";
-                const bool wrote =
-                    data && ntfs_attr_pwrite(data, 0, static_cast<s64>(text.size()), text.data()) ==
-                                static_cast<s64>(text.size());
-                if (data)
-                    ntfs_attr_close(data);
-                ntfs_inode_close(file);
-                if (!wrote)
-                    throw std::runtime_error("cannot write file content in the tree image");
+                text = "content " + std::to_string(serial) + "\n";
                 ++withContent;
             }
+            writer.createIn(dir, name, false,
+                            {reinterpret_cast<const std::uint8_t*>(text.data()), text.size()});
         }
         if (ntfs_inode_close(dir) != 0)
             throw std::runtime_error("cannot close a directory of the tree image");
