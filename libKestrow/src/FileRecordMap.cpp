@@ -21,9 +21,9 @@ constexpr unsigned int PATH_MAP_BUCKETS = 32;
 
 void logIndexNotFound(unsigned long long index) {
     if (orv::Logger* logger = s_log.enabled(orv::LoggerPriority::LP_DEBUG))
-        logger->log(orv::LoggerPriority::LP_DEBUG,
-                    orv::LoggerStream() << "106 "
-                                        << "Index not found: " << index);
+        logger->log(orv::LoggerPriority::LP_DEBUG, orv::LoggerStream()
+                                                       << "106 "
+                                                       << "Index not found: " << index);
 }
 
 orv::String valueText(unsigned long long number) {
@@ -135,9 +135,9 @@ bool FileRecordMap::getChildIndices(const FileReference& parent,
     if (parent.index >= m_fileIndexMap.size()) {
         if (orv::Logger* logger = s_log.enabled(orv::LoggerPriority::LP_DEBUG))
             logger->log(orv::LoggerPriority::LP_DEBUG,
-                        orv::LoggerStream() << "115 "
-                                            << "Parent index not found: "
-                                            << valueText(parent.index));
+                        orv::LoggerStream()
+                            << "115 "
+                            << "Parent index not found: " << valueText(parent.index));
         return false;
     }
     children = m_fileIndexMap[static_cast<std::uint32_t>(parent.index)];
@@ -163,9 +163,9 @@ bool FileRecordMap::getUniqueChildPaths(const FileReference& parent,
     if (parent.index >= m_fileIndexMap.size()) {
         if (orv::Logger* logger = s_log.enabled(orv::LoggerPriority::LP_DEBUG))
             logger->log(orv::LoggerPriority::LP_DEBUG,
-                        orv::LoggerStream() << "135 "
-                                            << "Parent index not found: "
-                                            << valueText(parent.index));
+                        orv::LoggerStream()
+                            << "135 "
+                            << "Parent index not found: " << valueText(parent.index));
         return false;
     }
     generateUniqueChildPaths(m_fileIndexMap[static_cast<std::uint32_t>(parent.index)], paths);

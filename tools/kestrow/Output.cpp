@@ -1,0 +1,322 @@
+#include "Output.h"
+
+#include <cinttypes>
+#include <cstdio>
+
+namespace kestrow::tool {
+
+namespace {
+
+constexpr std::size_t OUTPUT_BUFFER_BYTES = 1 << 20;
+
+constexpr unsigned long long NTFS_TICKS_PER_SECOND = 10000000ULL;
+constexpr long long SECONDS_PER_DAY = 86400;
+
+// Days since 1601-01-01 to a civil date (proleptic Gregorian), after
+// H. Hinnant's days_from_civil inverse, shifted to the 1601 epoch.
+void civilFromDays(long long days, long long& year, unsigned& month, unsigned& day) {
+    // 1601-01-01 is 134774 days before 1970-01-01.
+    long long z = days - 134774 + 719468;
+    const long long era = (z >= 0 ? z : z - 146096) / 146097;
+    const unsigned doe = static_cast<unsigned>(z - era * 146097);
+    const unsigned yoe = (doe - doe / 1460 + doe / 36524 - doe / 146096) / 365;
+    const unsigned doy = doe - (365 * yoe + yoe / 4 - yoe / 100);
+    const unsigned mp = (5 * doy + 2) / 153;
+    day = doy - (153 * mp + 2) / 5 + 1;
+    month = mp < 10 ? mp + 3 : mp - 9;
+    year = static_cast<long long>(yoe) + era * 400 + (month <= 2 ? 1 : 0);
+}
+
+struct FlagName {
+    unsigned int bit;
+    const char* name;
+};
+
+constexpr FlagName FILE_ATTRIBUTE_NAMES[] = {
+    {0x00000001, "READONLY"},
+    {0x00000002, "HIDDEN"},
+    {0x00000004, "SYSTEM"},
+    {0x00000010, "DIRECTORY"},
+    {0x00000020, "ARCHIVE"},
+    {0x00000040, "DEVICE"},
+    {0x00000080, "NORMAL"},
+    {0x00000100, "TEMPORARY"},
+    {0x00000200, "SPARSE_FILE"},
+    {0x00000400, "REPARSE_POINT"},
+    {0x00000800, "COMPRESSED"},
+    {0x00001000, "OFFLINE"},
+    {0x00002000, "NOT_CONTENT_INDEXED"},
+    {0x00004000, "ENCRYPTED"},
+    {0x10000000, "DIRECTORY_INDEX"}, // the $FILE_NAME flag for "has a directory index"
+    {0x20000000, "VIEW_INDEX"},
+};
+
+} // namespace
+
+Output::Output() {
+    m_buffer.reserve(OUTPUT_BUFFER_BYTES + 4096);
+}
+
+Output::~Output() {
+    flush();
+}
+
+Output& Output::operator<<(std::string_view text) {
+    m_buffer.append(text);
+    spill();
+    return *this;
+}
+
+Output& Output::operator<<(char c) {
+    m_buffer.push_back(c);
+    spill();
+    return *this;
+}
+
+Output& Output::operator<<(unsigned long long number) {
+    char digits[24];
+    const int n = std::snprintf(digits, sizeof digits, "%llu", number);
+    m_buffer.append(digits, static_cast<std::size_t>(n));
+    spill();
+    return *this;
+}
+
+Output& Output::operator<<(const orv::String& text) {
+    appendUtf8(m_buffer, text);
+    spill();
+    return *this;
+}
+
+void Output::spill() {
+    if (m_buffer.size() >= OUTPUT_BUFFER_BYTES)
+        flush();
+}
+
+void Output::flush() {
+    if (!m_buffer.empty()) {
+        std::fwrite(m_buffer.data(), 1, m_buffer.size(), stdout);
+        m_buffer.clear();
+    }
+    std::fflush(stdout);
+}
+
+void appendUtf8(std::string& out, const orv::String& text) {
+    const orv::Char16* units = text.getUCS2Buffer();
+    const unsigned int n = text.size();
+    for (unsigned int i = 0; i < n; ++i) {
+        std::uint32_t c = static_cast<std::uint16_t>(units[i]);
+        if (c < 0x80) {
+            out.push_back(static_cast<char>(c));
+            continue;
+        }
+        if (c >= 0xD800 && c <= 0xDBFF && i + 1 < n) {
+            const std::uint32_t low = static_cast<std::uint16_t>(units[i + 1]);
+            if (low >= 0xDC00 && low <= 0xDFFF) {
+                c = 0x10000 + ((c - 0xD800) << 10) + (low - 0xDC00);
+                ++i;
+            }
+        }
+        if (c >= 0xD800 && c <= 0xDFFF)
+            c = 0xFFFD;
+        if (c < 0x800) {
+            out.push_back(static_cast<char>(0xC0 | (c >> 6)));
+            out.push_back(static_cast<char>(0x80 | (c & 0x3F)));
+        } else if (c < 0x10000) {
+            out.push_back(static_cast<char>(0xE0 | (c >> 12)));
+            out.push_back(static_cast<char>(0x80 | ((c >> 6) & 0x3F)));
+            out.push_back(static_cast<char>(0x80 | (c & 0x3F)));
+        } else {
+            out.push_back(static_cast<char>(0xF0 | (c >> 18)));
+            out.push_back(static_cast<char>(0x80 | ((c >> 12) & 0x3F)));
+            out.push_back(static_cast<char>(0x80 | ((c >> 6) & 0x3F)));
+            out.push_back(static_cast<char>(0x80 | (c & 0x3F)));
+        }
+    }
+}
+
+std::string utf8(const orv::String& text) {
+    std::string out;
+    out.reserve(text.size());
+    appendUtf8(out, text);
+    return out;
+}
+
+std::string isoTime(unsigned long long ntfsTime) {
+    const unsigned long long seconds = ntfsTime / NTFS_TICKS_PER_SECOND;
+    const unsigned long long fraction = ntfsTime % NTFS_TICKS_PER_SECOND;
+    const long long days = static_cast<long long>(seconds / SECONDS_PER_DAY);
+    const long long secondOfDay = static_cast<long long>(seconds % SECONDS_PER_DAY);
+    long long year = 0;
+    unsigned month = 0;
+    unsigned day = 0;
+    civilFromDays(days, year, month, day);
+    char text[64];
+    std::snprintf(text, sizeof text, "%04lld-%02u-%02uT%02lld:%02lld:%02lld.%07lluZ", year, month,
+                  day, secondOfDay / 3600, (secondOfDay / 60) % 60, secondOfDay % 60, fraction);
+    return text;
+}
+
+std::string attributeFlagNames(unsigned int flags) {
+    std::string names;
+    unsigned int known = 0;
+    for (const FlagName& flag : FILE_ATTRIBUTE_NAMES) {
+        known |= flag.bit;
+        if ((flags & flag.bit) == 0)
+            continue;
+        if (!names.empty())
+            names += '|';
+        names += flag.name;
+    }
+    if (const unsigned int unknown = flags & ~known) {
+        char hex[16];
+        std::snprintf(hex, sizeof hex, "0x%X", unknown);
+        if (!names.empty())
+            names += '|';
+        names += hex;
+    }
+    return names.empty() ? "-" : names;
+}
+
+std::string sizeText(unsigned long long bytes) {
+    char text[48];
+    if (bytes < 1024)
+        std::snprintf(text, sizeof text, "%llu bytes", bytes);
+    else if (bytes < 1024ULL * 1024)
+        std::snprintf(text, sizeof text, "%.1f KiB", bytes / 1024.0);
+    else if (bytes < 1024ULL * 1024 * 1024)
+        std::snprintf(text, sizeof text, "%.1f MiB", bytes / (1024.0 * 1024));
+    else
+        std::snprintf(text, sizeof text, "%.2f GiB", bytes / (1024.0 * 1024 * 1024));
+    return text;
+}
+
+std::string jsonQuote(std::string_view text) {
+    std::string out;
+    out.reserve(text.size() + 2);
+    out.push_back('"');
+    for (const char c : text) {
+        switch (c) {
+        case '"':
+            out += "\\\"";
+            break;
+        case '\\':
+            out += "\\\\";
+            break;
+        case '\n':
+            out += "\\n";
+            break;
+        case '\r':
+            out += "\\r";
+            break;
+        case '\t':
+            out += "\\t";
+            break;
+        default:
+            if (static_cast<unsigned char>(c) < 0x20) {
+                char escape[8];
+                std::snprintf(escape, sizeof escape, "\\u%04x", static_cast<unsigned>(c));
+                out += escape;
+            } else {
+                out.push_back(c);
+            }
+        }
+    }
+    out.push_back('"');
+    return out;
+}
+
+JsonWriter::~JsonWriter() {
+    if (m_levels.empty())
+        return;
+    // An unfinished document (an error cut the command short) is closed so
+    // that what was written still parses.
+    while (!m_levels.empty()) {
+        if (m_levels.back().array)
+            endArray();
+        else
+            endObject();
+    }
+}
+
+void JsonWriter::newline() {
+    m_out << '\n';
+    for (std::size_t i = 0; i < m_levels.size(); ++i)
+        m_out << "  ";
+}
+
+void JsonWriter::beforeValue() {
+    if (m_afterKey) {
+        m_afterKey = false;
+        return;
+    }
+    if (m_levels.empty())
+        return;
+    Level& level = m_levels.back();
+    if (!level.empty)
+        m_out << ',';
+    level.empty = false;
+    newline();
+}
+
+JsonWriter& JsonWriter::beginObject() {
+    beforeValue();
+    m_out << '{';
+    m_levels.push_back({false, true});
+    return *this;
+}
+
+JsonWriter& JsonWriter::endObject() {
+    const bool empty = m_levels.back().empty;
+    m_levels.pop_back();
+    if (!empty)
+        newline();
+    m_out << '}';
+    if (m_levels.empty())
+        m_out << '\n';
+    return *this;
+}
+
+JsonWriter& JsonWriter::beginArray() {
+    beforeValue();
+    m_out << '[';
+    m_levels.push_back({true, true});
+    return *this;
+}
+
+JsonWriter& JsonWriter::endArray() {
+    const bool empty = m_levels.back().empty;
+    m_levels.pop_back();
+    if (!empty)
+        newline();
+    m_out << ']';
+    if (m_levels.empty())
+        m_out << '\n';
+    return *this;
+}
+
+JsonWriter& JsonWriter::key(std::string_view name) {
+    beforeValue();
+    m_out << jsonQuote(name) << ": ";
+    m_afterKey = true;
+    return *this;
+}
+
+JsonWriter& JsonWriter::value(std::string_view text) {
+    beforeValue();
+    m_out << jsonQuote(text);
+    return *this;
+}
+
+JsonWriter& JsonWriter::value(unsigned long long number) {
+    beforeValue();
+    m_out << number;
+    return *this;
+}
+
+JsonWriter& JsonWriter::value(bool flag) {
+    beforeValue();
+    m_out << (flag ? "true" : "false");
+    return *this;
+}
+
+} // namespace kestrow::tool

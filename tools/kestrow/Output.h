@@ -1,0 +1,93 @@
+// What the kestrow program writes: buffered standard output, JSON, and the
+// texts of times, sizes and attribute flags.
+#pragma once
+
+#include <orv/String.h>
+
+#include <cstdio>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace kestrow::tool {
+
+// Standard output through one large buffer: whole-MFT listings write
+// millions of lines, and a flush per line would dominate their cost.
+class Output {
+public:
+    Output();
+    ~Output();
+    Output(const Output&) = delete;
+    Output& operator=(const Output&) = delete;
+
+    Output& operator<<(std::string_view text);
+    Output& operator<<(const char* text) { return *this << std::string_view(text); }
+    Output& operator<<(const std::string& text) { return *this << std::string_view(text); }
+    Output& operator<<(char c);
+    Output& operator<<(unsigned long long number);
+    Output& operator<<(const orv::String& text);
+    void flush();
+
+private:
+    void spill();
+
+    std::string m_buffer;
+};
+
+// UCS-2 to UTF-8; an unpaired surrogate becomes U+FFFD.
+void appendUtf8(std::string& out, const orv::String& text);
+std::string utf8(const orv::String& text);
+
+// NTFS time (100 ns units since 1601-01-01 UTC) as ISO 8601 UTC with the full
+// precision: "2024-05-01T12:00:00.1234567Z".
+std::string isoTime(unsigned long long ntfsTime);
+
+// "READONLY|HIDDEN|DIRECTORY", or "-" when no flag is set.
+std::string attributeFlagNames(unsigned int flags);
+
+// "20000 bytes", "1.5 MiB".
+std::string sizeText(unsigned long long bytes);
+
+// A JSON string literal, quotes included.
+std::string jsonQuote(std::string_view text);
+
+// A JSON document written piece by piece, indented two spaces a level.
+class JsonWriter {
+public:
+    explicit JsonWriter(Output& out) : m_out(out) {}
+    ~JsonWriter();
+
+    JsonWriter& beginObject();
+    JsonWriter& endObject();
+    JsonWriter& beginArray();
+    JsonWriter& endArray();
+    JsonWriter& key(std::string_view name);
+
+    JsonWriter& value(std::string_view text);
+    JsonWriter& value(const char* text) { return value(std::string_view(text)); }
+    JsonWriter& value(const orv::String& text) { return value(utf8(text)); }
+    JsonWriter& value(unsigned long long number);
+    JsonWriter& value(unsigned int number) {
+        return value(static_cast<unsigned long long>(number));
+    }
+    JsonWriter& value(bool flag);
+
+    template <class T> JsonWriter& field(std::string_view name, const T& v) {
+        key(name);
+        return value(v);
+    }
+
+private:
+    void beforeValue();
+    void newline();
+
+    struct Level {
+        bool array;
+        bool empty;
+    };
+    Output& m_out;
+    std::vector<Level> m_levels;
+    bool m_afterKey = false;
+};
+
+} // namespace kestrow::tool
