@@ -258,7 +258,8 @@ bool decodeRunList(const LeView& bytes, std::uint64_t startVcn, std::vector<Data
             lcn += delta;
             run.lcn = lcn;
         }
-        if (vcn > UINT64_MAX - length) {
+        // VCNs are signed 64-bit numbers on disk and in the control replies.
+        if (vcn > static_cast<std::uint64_t>(INT64_MAX) - length) {
             error = "run list overflows the VCN range";
             return false;
         }
