@@ -19,7 +19,11 @@ std::atomic<unsigned long long> g_operatorNewCalls{0};
 
 } // namespace
 
-// Counts every general-purpose C++ allocation in this program.
+// Counts every general-purpose C++ allocation in this program. (GCC cannot
+// tell that these replacements pair malloc with free on purpose.)
+#if defined(__GNUC__) && !defined(__clang__)
+#pragma GCC diagnostic ignored "-Wmismatched-new-delete"
+#endif
 void* operator new(std::size_t size) {
     ++g_operatorNewCalls;
     if (void* p = std::malloc(size == 0 ? 1 : size))
