@@ -10,17 +10,18 @@
 
 namespace kestrow::test::mini {
 
+// Little-endian stores; a test that writes outside its buffer throws.
 inline void put16(std::vector<std::uint8_t>& b, std::size_t at, std::uint16_t v) {
-    b[at] = static_cast<std::uint8_t>(v);
-    b[at + 1] = static_cast<std::uint8_t>(v >> 8);
+    for (std::size_t i = 0; i < 2; ++i)
+        b.at(at + i) = static_cast<std::uint8_t>(v >> (8 * i));
 }
 inline void put32(std::vector<std::uint8_t>& b, std::size_t at, std::uint32_t v) {
-    for (int i = 0; i < 4; ++i)
-        b[at + i] = static_cast<std::uint8_t>(v >> (8 * i));
+    for (std::size_t i = 0; i < 4; ++i)
+        b.at(at + i) = static_cast<std::uint8_t>(v >> (8 * i));
 }
 inline void put64(std::vector<std::uint8_t>& b, std::size_t at, std::uint64_t v) {
-    for (int i = 0; i < 8; ++i)
-        b[at + i] = static_cast<std::uint8_t>(v >> (8 * i));
+    for (std::size_t i = 0; i < 8; ++i)
+        b.at(at + i) = static_cast<std::uint8_t>(v >> (8 * i));
 }
 
 inline std::vector<std::uint8_t> utf16(const std::u16string& text) {
