@@ -1,0 +1,60 @@
+// Error texts, the thread's last error, structured exceptions and memory.
+#include "Backends.h"
+
+#include <kestrow/Platform.h>
+
+#include <gtest/gtest.h>
+
+#include <thread>
+
+namespace {
+
+namespace platform = kestrow::platform;
+
+std::string narrow(const platform::WideString& text) { return std::string(text.begin(), text.end()); }
+
+TEST(ErrorText, WindowsEnglishTextsWithTheirLineEnd) {
+    EXPECT_EQ(narrow(platform::errorMessage(2)), "The system cannot find the file specified.\r\n");
+    EXPECT_EQ(narrow(platform::errorMessage(87)), "The parameter is incorrect.\r\n");
+    EXPECT_EQ(narrow(platform::errorMessage(234)), "More data is available.\r\n");
+    EXPECT_EQ(narrow(platform::errorMessage(38)), "Reached the end of the file.\r\n");
+    EXPECT_EQ(narrow(platform::errorMessage(0)), "The operation completed successfully.\r\n");
+    EXPECT_EQ(narrow(platform::errorMessage(0xDEAD)), "Unknown error 57005 (0x0000DEAD).\r\n");
+}
+
+TEST(LastError, IsKeptPerThread) {
+    platform::SetLastError(ERROR_MORE_DATA);
+    DWORD seenByOther = 1;
+    std::thread other([&] {
+        seenByOther = platform::GetLastError();
+        platform::SetLastError(ERROR_CRC);
+    });
+    other.join();
+    EXPECT_EQ(seenByOther, 0u);
+    EXPECT_EQ(platform::GetLastError(), static_cast<DWORD>(ERROR_MORE_DATA));
+}
+
+TEST(StructuredException, RaiseThrowsTheCode) {
+    try {
+        platform::RaiseException(7, 0, 0, nullptr);
+        FAIL() << "RaiseException returned";
+    } catch (const platform::StructuredException& exception) {
+        EXPECT_EQ(exception.code(), 7u);
+    }
+}
+
+TEST(MemoryStatus, ComesFromTheHostAndChecksTheLength) {
+    MEMORYSTATUSEX status{};
+    status.dwLength = 60;
+    EXPECT_FALSE(platform::GlobalMemoryStatusEx(&status));
+    EXPECT_EQ(platform::GetLastError(), static_cast<DWORD>(ERROR_INVALID_PARAMETER));
+    EXPECT_FALSE(platform::GlobalMemoryStatusEx(nullptr));
+    status.dwLength = sizeof status;
+    ASSERT_TRUE(platform::GlobalMemoryStatusEx(&status));
+    EXPECT_GT(status.ullTotalPhys, 0u);
+    EXPECT_GT(status.ullAvailPhys, 0u);
+    EXPECT_LE(status.ullAvailPhys, status.ullTotalPhys);
+    EXPECT_LE(status.dwMemoryLoad, 100u);
+}
+
+} // namespace
