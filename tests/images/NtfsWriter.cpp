@@ -1,6 +1,6 @@
 #include "ImageBuilder.h"
 
-#include "Fixtures.h"
+#include "support/Fixtures.h"
 #include "NtfsLibrary.h"
 
 #include <algorithm>

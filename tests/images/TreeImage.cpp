@@ -4,7 +4,7 @@
 // the same tree (a fixed random seed).
 #include "ImageBuilder.h"
 
-#include "Fixtures.h"
+#include "support/Fixtures.h"
 #include "NtfsLibrary.h"
 
 #include <algorithm>

@@ -1,8 +1,8 @@
 // The fixture images hold what Fixtures.h promises, as independent tools
 // (The Sleuth Kit, NTFS-3G's tools, sfdisk) see it. If one of these fails,
 // tests of the library that rely on the same promise cannot be trusted.
-#include "Fixtures.h"
-#include "Oracle.h"
+#include "support/Fixtures.h"
+#include "support/Oracle.h"
 
 #include <gtest/gtest.h>
 

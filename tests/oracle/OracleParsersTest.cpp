@@ -1,6 +1,6 @@
 // The parsers of the tool outputs, on verbatim samples of what the tools
 // print, including the lines that are easy to get wrong.
-#include "Oracle.h"
+#include "support/Oracle.h"
 
 #include <gtest/gtest.h>
 
