@@ -204,11 +204,16 @@ Volume::Volume(char driveLetter)
 
     // The call fills the low 32 bits of the two cluster counts; they were
     // zeroed above, so the 32-bit answers are taken over as they are.
+    // DWORD is unsigned long on Windows, so the answers land in DWORDs first.
+    DWORD sectorsPerCluster = m_sectorsPerCluster;
+    DWORD bytesPerSector = m_bytesPerSector;
     DWORD freeClusters = 0;
     DWORD totalClusters = 0;
     const BOOL haveSpace =
-        platform::GetDiskFreeSpaceW(rootPath.getUCS2Buffer(), &m_sectorsPerCluster,
-                                    &m_bytesPerSector, &freeClusters, &totalClusters);
+        platform::GetDiskFreeSpaceW(rootPath.getUCS2Buffer(), &sectorsPerCluster,
+                                    &bytesPerSector, &freeClusters, &totalClusters);
+    m_sectorsPerCluster = sectorsPerCluster;
+    m_bytesPerSector = bytesPerSector;
     m_freeClusters = freeClusters;
     m_totalClusters = totalClusters;
     if (haveSpace) {
