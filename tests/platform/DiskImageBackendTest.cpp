@@ -486,3 +486,81 @@ TEST(DiskImageBackend, EnvironmentVariableAttachesDisksOnFirstUse) {
 }
 
 } // namespace
+
+namespace {
+
+// Byte offset of MFT record `index` in bare.img (its MFT's first run starts
+// at cluster 4, which fsstat confirms).
+std::uint64_t bareRecordOffset(std::uint64_t index) {
+    const auto stats = oracle::fileSystemStats(kestrow::test::bareVolume());
+    return stats.firstMftCluster * stats.clusterSize + index * stats.mftEntrySize;
+}
+
+TEST(DamagedVolume, LostVolumeRecordLeavesAnEmptyLabel) {
+    kestrow::test::ScratchImage scratch(kestrow::test::bareVolume());
+    scratch.patch(bareRecordOffset(3), std::vector<std::uint8_t>{'B', 'A', 'A', 'D'});
+    Attached attached({scratch.path().string()});
+    WCHAR label[64] = {'x', 0};
+    WCHAR fileSystem[64] = {};
+    ASSERT_TRUE(platform::GetVolumeInformationW(wide("C:\\").c_str(), label, 64, nullptr, nullptr,
+                                                nullptr, fileSystem, 64));
+    EXPECT_EQ(utf8(label), "");
+    EXPECT_EQ(utf8(fileSystem), "NTFS");
+    EXPECT_NE(platform::GetFileAttributesW(wide("C:\\$MFT").c_str()), INVALID_FILE_ATTRIBUTES);
+}
+
+TEST(DamagedVolume, LostUpcaseTableStillComparesAsciiNamesWithoutCase) {
+    kestrow::test::ScratchImage scratch(kestrow::test::bareVolume());
+    scratch.patch(bareRecordOffset(10), std::vector<std::uint8_t>{0, 0, 0, 0});
+    Attached attached({scratch.path().string()});
+    EXPECT_NE(platform::GetFileAttributesW(wide("C:\\$attrdef").c_str()), INVALID_FILE_ATTRIBUTES);
+    EXPECT_NE(platform::GetFileAttributesW(wide("C:\\$bitmap").c_str()), INVALID_FILE_ATTRIBUTES);
+    // The table's own record is the damaged one.
+    EXPECT_EQ(platform::GetFileAttributesW(wide("C:\\$UpCase").c_str()), INVALID_FILE_ATTRIBUTES);
+    EXPECT_EQ(platform::GetLastError(), static_cast<DWORD>(ERROR_FILE_CORRUPT));
+}
+
+TEST(DamagedVolume, UnreadableMftRecordZeroIsARawVolumeThatStillReadsSectors) {
+    kestrow::test::ScratchImage scratch(kestrow::test::bareVolume());
+    scratch.patch(bareRecordOffset(0), std::vector<std::uint8_t>{0, 0, 0, 0});
+    Attached attached({scratch.path().string()});
+    ASSERT_EQ(platform::attachedVolumes().size(), 1u);
+    EXPECT_FALSE(platform::GetVolumeInformationW(wide("C:\\").c_str(), nullptr, 0, nullptr, nullptr,
+                                                 nullptr, nullptr, 0));
+    EXPECT_EQ(platform::GetLastError(), static_cast<DWORD>(ERROR_UNRECOGNIZED_VOLUME));
+    EXPECT_EQ(platform::GetFileAttributesW(wide("C:\\$MFT").c_str()), INVALID_FILE_ATTRIBUTES);
+    EXPECT_EQ(platform::GetLastError(), static_cast<DWORD>(ERROR_UNRECOGNIZED_VOLUME));
+    Handle volume("\\\\.\\C:");
+    ASSERT_TRUE(volume.valid());
+    NTFS_VOLUME_DATA_BUFFER data{};
+    DWORD returned = 0;
+    EXPECT_FALSE(platform::DeviceIoControl(volume.get(), FSCTL_GET_NTFS_VOLUME_DATA, nullptr, 0,
+                                           &data, sizeof data, &returned, nullptr));
+    EXPECT_EQ(platform::GetLastError(), static_cast<DWORD>(ERROR_UNRECOGNIZED_VOLUME));
+    std::vector<std::uint8_t> sector(512);
+    DWORD got = 0;
+    EXPECT_TRUE(platform::ReadFile(volume.get(), sector.data(), 512, &got, nullptr));
+    EXPECT_EQ(got, 512u);
+}
+
+TEST(DamagedVolume, NothingWritesToTheImages) {
+    // Every call of this suite on every image, then the image bytes: the
+    // fixture manifest check covers the shared images; here a scratch copy
+    // is compared byte for byte after write-asking opens.
+    kestrow::test::ScratchImage scratch(kestrow::test::bareVolume());
+    const auto before = scratch.read(0, static_cast<std::size_t>(scratch.size()));
+    {
+        Attached attached({scratch.path().string()});
+        Handle volume("\\\\.\\C:", GENERIC_READ | GENERIC_WRITE);
+        Handle disk("\\\\.\\PhysicalDrive0", GENERIC_READ | GENERIC_WRITE);
+        EXPECT_TRUE(volume.valid());
+        EXPECT_TRUE(disk.valid());
+        HANDLE file = platform::CreateFileW(wide("C:\\$MFT").c_str(), GENERIC_WRITE, 0, nullptr,
+                                            TRUNCATE_EXISTING, 0, nullptr);
+        EXPECT_EQ(file, INVALID_HANDLE_VALUE);
+        EXPECT_EQ(platform::GetLastError(), static_cast<DWORD>(ERROR_WRITE_PROTECT));
+    }
+    EXPECT_EQ(scratch.read(0, static_cast<std::size_t>(scratch.size())), before);
+}
+
+} // namespace
