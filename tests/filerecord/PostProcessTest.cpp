@@ -125,6 +125,23 @@ TEST_F(PostProcessTest, BlocksWithBadOffsetsStayInsideTheBuffer) {
     EXPECT_THAT(toVector(record.getIndexEntries()), ElementsAre(401u));
 }
 
+TEST_F(PostProcessTest, LargeRangesAreReadInPiecesWithTheSameResult) {
+    m_fake.addDisk(0, 24 << 20);
+    // 0x1010 clusters: one 16 MiB piece and one of 16 clusters.
+    writeAtCluster(0x40, indexBlock({indexEntry(500), lastIndexEntry()}));
+    writeAtCluster(0x40 + 0xFFF, indexBlock({indexEntry(501), lastIndexEntry()}));
+    writeAtCluster(0x40 + 0x1000, indexBlock({indexEntry(502), lastIndexEntry()}));
+    writeAtCluster(0x40 + 0x100F, indexBlock({indexEntry(503), lastIndexEntry()}));
+    FileRecord record = directory({}, {0x12, 0x10, 0x10, 0x40, 0x00}, 0x1010);
+    m_fake.clearLog();
+    record.postProcess(m_drive);
+    EXPECT_THAT(toVector(record.getIndexEntries()), ElementsAre(500u, 501u, 502u, 503u));
+    using Read = std::pair<std::uint64_t, std::uint32_t>;
+    EXPECT_THAT(m_fake.reads(),
+                ElementsAre(Read(VOLUME_OFFSET + 0x40 * 4096, 16 << 20),
+                            Read(VOLUME_OFFSET + (0x40 + 0x1000) * 4096, 0x10 * 4096)));
+}
+
 TEST_F(PostProcessTest, InvalidHandleReadsNothing) {
     FileRecord record = directory({}, {0x11, 0x01, 0x40, 0x00}, 1);
     VolumeHandle none;
