@@ -414,6 +414,45 @@ TEST(ScratchImage, IsAPrivateCopyThatCanBePatched) {
     EXPECT_EQ(readFileBytes(original, 0, 512), before);
 }
 
+TEST(MftRecordOffset, FindsRecordsInEveryRunOfTheMft) {
+    const auto image = richVolume();
+    // The root directory, in the first run, and the last records, which lie
+    // in a later run of the fragmented $MFT.
+    const auto root = readFileBytes(image, mftRecordOffset(image, 5), 4);
+    EXPECT_EQ(asString(root), "FILE");
+    const auto mft = inspectRecord(image, 0);
+    const auto runs = mft.find(kData)->runs();
+    ASSERT_GE(runs.size(), 2u);
+    const auto lastRecord = mft.find(kData)->size / 1024 - 1;
+    const auto offset = mftRecordOffset(image, lastRecord);
+    const auto& lastRun = runs.back();
+    EXPECT_GE(offset, lastRun.firstCluster * 4096);
+    EXPECT_LT(offset, (lastRun.firstCluster + lastRun.count) * 4096);
+    EXPECT_THROW(mftRecordOffset(image, lastRecord + 1000), OracleError);
+}
+
+TEST(MftRecordOffset, CountsThePartitionOffsetAndRecordsSpanningClusters) {
+    const auto offset = factsOf(FixtureImage::MbrDisk).volumeOffset;
+    const auto record = mftRecordOffset(mbrDisk(), 5, offset / 512);
+    EXPECT_GT(record, offset);
+    EXPECT_EQ(asString(readFileBytes(mbrDisk(), record, 4)), "FILE");
+    // 512-byte clusters: a record's second half starts one cluster later.
+    const auto first = mftRecordOffset(cluster512Volume(), 5);
+    const auto second = mftRecordOffset(cluster512Volume(), 5, 0, 512);
+    EXPECT_EQ(asString(readFileBytes(cluster512Volume(), first, 4)), "FILE");
+    EXPECT_EQ(second, first + 512); // the first run of the $MFT holds record 5 whole
+}
+
+TEST(ScratchImage, PatchedRecordIsSeenByTheTools) {
+    ScratchImage copy(richVolume());
+    const auto inode = *findInode(copy.path(), kReadmePath);
+    // Clearing the in-use flag (record header offset 0x16) makes a deleted record.
+    const auto flags = mftRecordOffset(copy.path(), inode) + 0x16;
+    copy.patchLe16(flags, 0);
+    EXPECT_FALSE(inspectRecord(copy.path(), inode).allocated);
+    EXPECT_TRUE(inspectRecord(richVolume(), inode).allocated);
+}
+
 TEST(ScratchImage, CopyOfAVolumeStillParses) {
     ScratchImage copy(richVolume());
     const auto stats = fileSystemStats(copy.path());

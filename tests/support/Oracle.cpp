@@ -482,6 +482,25 @@ std::vector<bool> allocatedClusters(const std::filesystem::path& image,
     return used;
 }
 
+std::uint64_t mftRecordOffset(const std::filesystem::path& image, std::uint64_t record,
+                              std::uint64_t sectorOffset, std::uint64_t byteInRecord) {
+    const auto stats = fileSystemStats(image, sectorOffset);
+    if (byteInRecord >= stats.mftEntrySize)
+        throw OracleError("byte " + std::to_string(byteInRecord) + " is outside a " +
+                          std::to_string(stats.mftEntrySize) + "-byte record");
+    const auto mft = inspectRecord(image, 0, sectorOffset);
+    const auto* data = mft.find(kData);
+    if (!data || data->resident)
+        throw OracleError("no non-resident $MFT data in " + image.string());
+    const std::uint64_t position = record * stats.mftEntrySize + byteInRecord;
+    const std::uint64_t clusterIndex = position / stats.clusterSize;
+    if (clusterIndex >= data->clusters.size())
+        throw OracleError("record " + std::to_string(record) + " lies beyond the $MFT of " +
+                          image.string());
+    return sectorOffset * 512 + data->clusters[clusterIndex] * stats.clusterSize +
+           position % stats.clusterSize;
+}
+
 // ---- fsstat ----------------------------------------------------------------------------
 
 FsstatResult parseFsstat(std::string_view text) {

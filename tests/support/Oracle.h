@@ -156,6 +156,14 @@ std::string readContent(const std::filesystem::path& image, std::uint64_t inode,
 std::vector<bool> allocatedClusters(const std::filesystem::path& image,
                                     std::uint64_t sectorOffset = 0);
 
+// Byte offset, in the image file, of the first byte of MFT record `record`,
+// found from the $MFT's runs (istat 0) and the geometry (fsstat). For making
+// hostile copies: patch a ScratchImage at this offset. When a cluster is
+// smaller than a record, the record's second half may lie in another run:
+// ask again for offsets past the first cluster (`byteInRecord`).
+std::uint64_t mftRecordOffset(const std::filesystem::path& image, std::uint64_t record,
+                              std::uint64_t sectorOffset = 0, std::uint64_t byteInRecord = 0);
+
 // ---- fsstat --------------------------------------------------------------------
 
 struct FsstatResult {
