@@ -64,6 +64,29 @@ TEST_P(EveryImage, HasTheDocumentedSizeAndGeometry) {
     EXPECT_EQ(stats.totalClusters, stats.totalSectors * stats.sectorSize / stats.clusterSize);
 }
 
+TEST_P(EveryImage, PassesTheClusterAccountingCheck) {
+    const auto& facts = GetParam();
+    const auto image = imagePath(facts.image);
+    if (facts.isWholeDisk)
+        EXPECT_EQ(volumeInconsistencies(image, facts.volumeOffset, facts.volumeSize), "");
+    else
+        EXPECT_EQ(volumeInconsistencies(image), "");
+}
+
+TEST(VolumeInconsistencies, ReportsAClusterMissingFromTheBitmap) {
+    ScratchImage copy(richVolume());
+    const auto inode = *findInode(copy.path(), rich::kLargePath);
+    const auto record = inspectRecord(copy.path(), inode);
+    const auto cluster = record.find(kData)->clusters.at(0);
+    const auto bitmap = inspectRecord(copy.path(), 6);
+    const auto bitmapCluster = bitmap.find(kData)->clusters.at(0);
+    const auto byteOffset = bitmapCluster * 4096 + cluster / 8;
+    auto byte = copy.read(byteOffset, 1);
+    byte[0] = static_cast<std::uint8_t>(byte[0] & ~(1u << (cluster % 8)));
+    copy.patch(byteOffset, byte);
+    EXPECT_NE(volumeInconsistencies(copy.path()).find("missing cluster"), std::string::npos);
+}
+
 TEST_P(ImageWithSmallTree, HasItsPathsAndContent) {
     const auto& facts = GetParam();
     const auto image = imagePath(facts.image);

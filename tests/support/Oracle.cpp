@@ -685,6 +685,58 @@ std::map<std::string, std::string> parseNtfsinfoPairs(std::string_view text) {
     return pairs;
 }
 
+namespace {
+
+// Copies `size` bytes at `offset` of `image` into a new temporary file.
+std::filesystem::path extractVolume(const std::filesystem::path& image, std::uint64_t offset,
+                                    std::uint64_t size) {
+    std::ifstream in(image, std::ios::binary);
+    if (!in)
+        throw OracleError("cannot open " + image.string());
+    in.seekg(static_cast<std::streamoff>(offset));
+    const auto extracted = temporaryFile();
+    std::ofstream out(extracted, std::ios::binary | std::ios::trunc);
+    std::vector<char> block(1 << 20);
+    std::uint64_t left = size;
+    while (left > 0) {
+        const auto want = static_cast<std::streamsize>(std::min<std::uint64_t>(left, block.size()));
+        in.read(block.data(), want);
+        if (in.gcount() != want)
+            throw OracleError("short read of the volume in " + image.string());
+        out.write(block.data(), want);
+        left -= static_cast<std::uint64_t>(want);
+    }
+    out.close();
+    if (!out)
+        throw OracleError("cannot write " + extracted.string());
+    return extracted;
+}
+
+} // namespace
+
+std::string volumeInconsistencies(const std::filesystem::path& image, std::uint64_t volumeOffset,
+                                  std::uint64_t volumeSize) {
+    std::filesystem::path volume = image;
+    std::filesystem::path extracted;
+    if (volumeOffset != 0 || volumeSize != 0) {
+        extracted = extractVolume(image, volumeOffset, volumeSize);
+        volume = extracted;
+    }
+    ToolOutput output;
+    try {
+        output = runTool({"ntfsresize", "--info", "--force", "--no-progress-bar", volume.string()});
+    } catch (...) {
+        if (!extracted.empty())
+            std::filesystem::remove(extracted);
+        throw;
+    }
+    if (!extracted.empty())
+        std::filesystem::remove(extracted);
+    if (output.exitCode == 0)
+        return {};
+    return output.out + output.err;
+}
+
 std::map<std::string, std::string> volumeInfo(const std::filesystem::path& volume) {
     return parseNtfsinfoPairs(runToolChecked({"ntfsinfo", "-m", volume.string()}));
 }

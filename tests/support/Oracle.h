@@ -232,6 +232,13 @@ SfdiskDump parseSfdiskDump(std::string_view text);
 
 // ---- NTFS-3G tools (whole volumes only) --------------------------------------------
 
+// ntfsresize --info: checks that the cluster bitmap and every file's runs
+// agree (each used cluster owned exactly once). Returns the tool's complaint,
+// empty when the volume is consistent. A volume inside a disk image
+// (`volumeOffset` bytes in, `volumeSize` long) is checked on a temporary copy.
+std::string volumeInconsistencies(const std::filesystem::path& image,
+                                  std::uint64_t volumeOffset = 0, std::uint64_t volumeSize = 0);
+
 // ntfsinfo -m: "Key: value" pairs of the volume and MFT sections.
 std::map<std::string, std::string> volumeInfo(const std::filesystem::path& volume);
 std::map<std::string, std::string> parseNtfsinfoPairs(std::string_view text);
