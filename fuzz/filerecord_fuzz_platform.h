@@ -35,8 +35,8 @@ struct Geometry {
         g.sectorsPerCluster = SECTORS_PER_CLUSTER[(data[0] >> 1) & 7];
         g.bytesPerFileRecord = (data[0] & 0x10) ? 4096 : 1024;
         g.diagnostics = (data[0] & 0x80) != 0;
-        g.totalClusters = DWORD(data[1]) | DWORD(data[2]) << 8 | DWORD(data[3]) << 16 |
-                          DWORD(data[4]) << 24;
+        g.totalClusters =
+            DWORD(data[1]) | DWORD(data[2]) << 8 | DWORD(data[3]) << 16 | DWORD(data[4]) << 24;
         g.firstCluster = std::uint64_t(data[5]) | std::uint64_t(data[6]) << 8 |
                          std::uint64_t(data[7]) << 16 | std::uint64_t(data[8]) << 24;
         return g;
@@ -94,9 +94,8 @@ public:
             extents.NumberOfDiskExtents = 1;
             extents.Extents[0].StartingOffset.QuadPart =
                 static_cast<LONGLONG>(m_geometry.firstCluster * m_geometry.bytesPerCluster());
-            extents.Extents[0].ExtentLength.QuadPart =
-                static_cast<LONGLONG>(std::uint64_t(m_geometry.totalClusters) *
-                                      m_geometry.bytesPerCluster());
+            extents.Extents[0].ExtentLength.QuadPart = static_cast<LONGLONG>(
+                std::uint64_t(m_geometry.totalClusters) * m_geometry.bytesPerCluster());
             std::memcpy(outBuffer, &extents, sizeof extents);
             *bytesReturned = sizeof extents;
             return TRUE;

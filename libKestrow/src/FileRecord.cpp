@@ -15,7 +15,9 @@ namespace {
 constinit orv::LogArea s_log("libKestrow.FileRecord");
 }
 
-orv::LogArea& logArea() { return s_log; }
+orv::LogArea& logArea() {
+    return s_log;
+}
 
 bool isShortName(const orv::Char16* units, unsigned int count) noexcept {
     constexpr unsigned int MAX_NAME = 12;
@@ -154,7 +156,8 @@ void FileRecord::processAttributes(orv::Buffer<unsigned char>& buffer) {
         // Guard: an attribute shorter than its own header form (a length of 0
         // would never advance) or one that runs past the buffer ends the walk;
         // every well-formed attribute passes.
-        const std::uint64_t headerSize = nonResident ? NonResidentHeader::SIZE : ResidentHeader::SIZE;
+        const std::uint64_t headerSize =
+            nonResident ? NonResidentHeader::SIZE : ResidentHeader::SIZE;
         if (length < headerSize || !record.has(offset, length))
             break;
 

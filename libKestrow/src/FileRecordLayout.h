@@ -45,8 +45,7 @@ public:
         return std::uint64_t(u32(offset)) | (std::uint64_t(u32(offset + 4)) << 32);
     }
 
-    bool bytesEqual(std::uint64_t offset, const char* expected,
-                    std::size_t length) const noexcept {
+    bool bytesEqual(std::uint64_t offset, const char* expected, std::size_t length) const noexcept {
         return has(offset, length) && std::memcmp(m_data + offset, expected, length) == 0;
     }
 

@@ -52,8 +52,9 @@ orv::Array<ClusterRange> decodeRunList(const unsigned char* runBytes, std::uint6
         return runs;
     }
     if (orv::Logger* logger = diagnosticsLogger())
-        logger->log(DIAGNOSTIC, orv::LoggerStream() << "160 " << "maxClusters: "
-                                                    << (unsigned long long)maxClusters);
+        logger->log(DIAGNOSTIC, orv::LoggerStream()
+                                    << "160 "
+                                    << "maxClusters: " << (unsigned long long)maxClusters);
 
     std::uint64_t totalClusters = 0;
     std::uint64_t currentCluster = 0;
@@ -77,18 +78,18 @@ orv::Array<ClusterRange> decodeRunList(const unsigned char* runBytes, std::uint6
         const unsigned char* field = runBytes + position + 1;
         const std::uint64_t count = readLittleEndian(field, lengthBytes);
         if (orv::Logger* logger = diagnosticsLogger())
-            logger->log(DIAGNOSTIC,
-                        orv::LoggerStream()
-                            << "182 " << orv::SprintfFormat("%012I64Xh clusters", count));
+            logger->log(DIAGNOSTIC, orv::LoggerStream()
+                                        << "182 "
+                                        << orv::SprintfFormat("%012I64Xh clusters", count));
 
         // Guard: a total that would wrap past 2^64 counts as above maxClusters.
         const bool wraps = count > ~std::uint64_t(0) - totalClusters;
         totalClusters += count;
         if (count == 0 || wraps || totalClusters > maxClusters) {
             if (orv::Logger* logger = diagnosticsLogger())
-                logger->log(DIAGNOSTIC, orv::LoggerStream()
-                                            << "187 " << "Invalid sector count length: "
-                                            << (unsigned long long)count);
+                logger->log(DIAGNOSTIC, orv::LoggerStream() << "187 "
+                                                            << "Invalid sector count length: "
+                                                            << (unsigned long long)count);
             return runs;
         }
 
@@ -106,18 +107,18 @@ orv::Array<ClusterRange> decodeRunList(const unsigned char* runBytes, std::uint6
                 return runs;
             }
             if (orv::Logger* logger = diagnosticsLogger())
-                logger->log(DIAGNOSTIC,
-                            orv::LoggerStream()
-                                << "208 " << orv::SprintfFormat("VCN offset %012I64Xh ", offset));
+                logger->log(DIAGNOSTIC, orv::LoggerStream()
+                                            << "208 "
+                                            << orv::SprintfFormat("VCN offset %012I64Xh ", offset));
             // The offset is signed over its own bytes: extend its sign to 64 bits.
             if (field[lengthBytes + offsetBytes - 1] & 0x80)
                 offset |= ~std::uint64_t(0) << (8 * offsetBytes);
             currentCluster += offset;
             if (orv::Logger* logger = diagnosticsLogger())
-                logger->log(DIAGNOSTIC, orv::LoggerStream()
-                                            << "223 "
-                                            << orv::SprintfFormat("Cluster %012I64Xh",
-                                                                  currentCluster));
+                logger->log(DIAGNOSTIC,
+                            orv::LoggerStream()
+                                << "223 "
+                                << orv::SprintfFormat("Cluster %012I64Xh", currentCluster));
             runs.append(ClusterRange(count, currentCluster));
         }
         position += 1 + lengthBytes + offsetBytes;
@@ -202,7 +203,8 @@ void FileRecord::processNonResidentAttribute(const NonResidentAttributeHeader* a
         return base;
     };
     if (orv::Logger* logger = diagnosticsLogger())
-        logger->log(DIAGNOSTIC, orv::LoggerStream() << "406 " << "Base cluster offset: "
+        logger->log(DIAGNOSTIC, orv::LoggerStream() << "406 "
+                                                    << "Base cluster offset: "
                                                     << (unsigned long long)baseCluster());
 
     bool runOutsideVolume = false;
@@ -216,17 +218,19 @@ void FileRecord::processNonResidentAttribute(const NonResidentAttributeHeader* a
     }
     if (runOutsideVolume) {
         if (orv::Logger* logger = diagnosticsLogger()) {
-            logger->log(DIAGNOSTIC, orv::LoggerStream()
-                                        << "412 " << "Found invalid data runs at MFT index "
-                                        << (unsigned long long)m_mftIndex.index);
-            logger->log(DIAGNOSTIC, orv::LoggerStream()
-                                        << "413 " << "Attribute:\n"
-                                        << orv::HexDumpFormat(attribute->start(),
-                                                              attribute->length(), 3, 0)
-                                               .toString());
+            logger->log(DIAGNOSTIC, orv::LoggerStream() << "412 "
+                                                        << "Found invalid data runs at MFT index "
+                                                        << (unsigned long long)m_mftIndex.index);
             logger->log(DIAGNOSTIC,
                         orv::LoggerStream()
-                            << "415 " << "Data Runs:\n"
+                            << "413 "
+                            << "Attribute:\n"
+                            << orv::HexDumpFormat(attribute->start(), attribute->length(), 3, 0)
+                                   .toString());
+            logger->log(DIAGNOSTIC,
+                        orv::LoggerStream()
+                            << "415 "
+                            << "Data Runs:\n"
                             << orv::HexDumpFormat(runBytes.data(),
                                                   static_cast<unsigned int>(runBytes.size()), 3, 0)
                                    .toString());
@@ -240,9 +244,9 @@ void FileRecord::processNonResidentAttribute(const NonResidentAttributeHeader* a
         // The list's value lies on disk and is not read: the walk goes over the
         // bytes after the header (the run list) as if they were entries. Kept as
         // designed; extension records are gathered by the MFT side.
-        FileRecordParser::collectAttributeListEntries(
-            *this, *attribute,
-            AttributeListEntry::NON_RESIDENT_FIRST_ENTRY + attribute->nameLength());
+        FileRecordParser::collectAttributeListEntries(*this, *attribute,
+                                                      AttributeListEntry::NON_RESIDENT_FIRST_ENTRY +
+                                                          attribute->nameLength());
         break;
     case AttributeType::DATA:
         if (attribute->nameLength() == 0)

@@ -50,8 +50,7 @@ void addIndexBlockEntries(const orv::Buffer<unsigned char>& buffer, std::uint64_
 void FileRecord::postProcess(VolumeHandle& volumeHandle) {
     // Guard: a record bound to no volume, or a volume without sector and
     // cluster geometry, has no way to address its clusters.
-    if (m_volume == nullptr || m_volume->m_bytesPerSector == 0 ||
-        m_volume->m_bytesPerCluster == 0)
+    if (m_volume == nullptr || m_volume->m_bytesPerSector == 0 || m_volume->m_bytesPerCluster == 0)
         return;
     Volume& volume = *m_volume;
     const std::uint32_t bytesPerSector = volume.m_bytesPerSector;
@@ -81,9 +80,8 @@ void FileRecord::postProcess(VolumeHandle& volumeHandle) {
                 range.count - done < clustersPerPiece ? range.count - done : clustersPerPiece;
             const std::uint64_t size = std::uint64_t(volume.m_bytesPerCluster) * clusters;
             buffer.resize(size, true);
-            if (!volume.readBytesFromSector(volumeHandle,
-                                            (range.start + done) * sectorsPerCluster, size,
-                                            buffer)) {
+            if (!volume.readBytesFromSector(volumeHandle, (range.start + done) * sectorsPerCluster,
+                                            size, buffer)) {
                 buffer.release();
                 break;
             }

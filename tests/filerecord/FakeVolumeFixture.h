@@ -55,7 +55,9 @@ protected:
     Bytes m_bytes;
 };
 
-inline std::string utf8(const orv::String& text) { return text.toUtf8(); }
+inline std::string utf8(const orv::String& text) {
+    return text.toUtf8();
+}
 
 template <class T> std::vector<T> toVector(const orv::Array<T>& array) {
     return std::vector<T>(array.begin(), array.end());

@@ -30,7 +30,8 @@ class RecordHeaderTest : public FakeVolumeTest {};
 
 TEST_F(RecordHeaderTest, RefusesOtherSignaturesAndFreeRecordsSilently) {
     LogCapture log;
-    const Bytes baad = RecordBuilder().signature("BAAD").add(fileNameAttribute(named(u"a"))).build();
+    const Bytes baad =
+        RecordBuilder().signature("BAAD").add(fileNameAttribute(named(u"a"))).build();
     const Bytes unused = RecordBuilder().inUse(false).add(fileNameAttribute(named(u"a"))).build();
     for (const Bytes& bytes : {baad, unused}) {
         const FileRecord record = parse(bytes);
@@ -174,8 +175,8 @@ TEST_F(FileNameTest, FirstLongNameKeptButParentFromTheLast) {
     FileNameValue second = named(u"second name.txt", reference(200, 9));
     second.creation = 999;
     second.flags = 0x2;
-    const FileRecord record = parse(
-        RecordBuilder().add(fileNameAttribute(first)).add(fileNameAttribute(second)).build());
+    const FileRecord record =
+        parse(RecordBuilder().add(fileNameAttribute(first)).add(fileNameAttribute(second)).build());
     EXPECT_EQ(utf8(record.name()), "first name.txt");
     EXPECT_EQ(record.parentMftIndex().index, 200u);
     EXPECT_EQ(record.parentMftIndex().sequence, 9u);
@@ -270,19 +271,18 @@ Bytes concat(std::initializer_list<Bytes> parts) {
 }
 
 TEST_F(ResidentAttributeTest, AttributeListNamesOtherRecordsOnceAndNeverItself) {
-    const Bytes list = concat({attributeListEntry(reference(OWN_INDEX, 3)),
-                               attributeListEntry(reference(77, 1)),
-                               attributeListEntry(reference(OWN_INDEX, 3)),
-                               attributeListEntry(reference(77, 2)),
-                               attributeListEntry(reference(78, 1))});
+    const Bytes list =
+        concat({attributeListEntry(reference(OWN_INDEX, 3)), attributeListEntry(reference(77, 1)),
+                attributeListEntry(reference(OWN_INDEX, 3)), attributeListEntry(reference(77, 2)),
+                attributeListEntry(reference(78, 1))});
     const FileRecord record = parse(RecordBuilder().add(residentAttribute(0x20, list)).build());
     EXPECT_THAT(toVector(record.getExternalAttributeReferences()), ElementsAre(77u, 78u));
     EXPECT_THAT(attributeNames(record), ElementsAre("$ATTRIBUTE_LIST/r"));
 }
 
 TEST_F(ResidentAttributeTest, AttributeListEntryOfLengthZeroEndsTheList) {
-    const Bytes list = concat({attributeListEntry(reference(77, 1)),
-                               attributeListEntry(reference(78, 1), 0x20)});
+    const Bytes list =
+        concat({attributeListEntry(reference(77, 1)), attributeListEntry(reference(78, 1), 0x20)});
     Bytes zeroed = list;
     putLe(zeroed, 0x24, 0, 2);
     const FileRecord record = parse(RecordBuilder().add(residentAttribute(0x20, zeroed)).build());
@@ -296,10 +296,9 @@ TEST_F(ResidentAttributeTest, AttributeListOnlyPointingAtItselfGivesNothing) {
 }
 
 TEST_F(ResidentAttributeTest, IndexRootListsEachChildOnceInOrder) {
-    const Bytes root =
-        indexRootValue({indexEntry(reference(64, 1)), indexEntry(reference(70, 1)),
-                        indexEntry(reference(64, 2)), indexEntry(reference(65, 1)),
-                        lastIndexEntry()});
+    const Bytes root = indexRootValue({indexEntry(reference(64, 1)), indexEntry(reference(70, 1)),
+                                       indexEntry(reference(64, 2)), indexEntry(reference(65, 1)),
+                                       lastIndexEntry()});
     const FileRecord record =
         parse(RecordBuilder().add(residentAttribute(0x90, root, u"$I30")).build());
     EXPECT_THAT(toVector(record.getIndexEntries()), ElementsAre(64u, 70u, 65u));
@@ -311,14 +310,15 @@ TEST_F(ResidentAttributeTest, IndexRootOfAnotherNameIsNotWalked) {
     EXPECT_THAT(toVector(parse(RecordBuilder().add(residentAttribute(0x90, root, u"$SDH")).build())
                              .getIndexEntries()),
                 IsEmpty());
-    EXPECT_THAT(toVector(parse(RecordBuilder().add(residentAttribute(0x90, root)).build())
-                             .getIndexEntries()),
-                IsEmpty());
+    EXPECT_THAT(
+        toVector(
+            parse(RecordBuilder().add(residentAttribute(0x90, root)).build()).getIndexEntries()),
+        IsEmpty());
 }
 
 TEST_F(ResidentAttributeTest, IndexEntryShorterThan82BytesEndsTheWalk) {
-    const Bytes root = indexRootValue(
-        {indexEntry(64), indexEntry(65, 80), indexEntry(66), lastIndexEntry()});
+    const Bytes root =
+        indexRootValue({indexEntry(64), indexEntry(65, 80), indexEntry(66), lastIndexEntry()});
     EXPECT_THAT(toVector(parse(RecordBuilder().add(residentAttribute(0x90, root, u"$I30")).build())
                              .getIndexEntries()),
                 ElementsAre(64u));
@@ -330,12 +330,11 @@ TEST_F(ResidentAttributeTest, WalkBoundCountsTheEntryAboutToBeRead) {
     // each later one while the lengths of the entries after the first stay
     // below the bound.
     auto entriesWithBound = [&](std::uint32_t bound) {
-        Bytes root = indexRootValue({indexEntry(64), indexEntry(65), indexEntry(66),
-                                     indexEntry(67), lastIndexEntry()});
+        Bytes root = indexRootValue(
+            {indexEntry(64), indexEntry(65), indexEntry(66), indexEntry(67), lastIndexEntry()});
         putLe(root, 0x14, bound + 32, 4);
-        return toVector(
-            parse(RecordBuilder().add(residentAttribute(0x90, root, u"$I30")).build())
-                .getIndexEntries());
+        return toVector(parse(RecordBuilder().add(residentAttribute(0x90, root, u"$I30")).build())
+                            .getIndexEntries());
     };
     EXPECT_THAT(entriesWithBound(0), IsEmpty());
     EXPECT_THAT(entriesWithBound(1), ElementsAre(64u));

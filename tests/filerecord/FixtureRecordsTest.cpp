@@ -182,8 +182,8 @@ bool timeMatches(const std::string& text, std::uint64_t ntfsTime) {
         return ntfsTime < NTFS_1970 + 10000000ULL;
     int year = 0, month = 0, day = 0, hour = 0, minute = 0, second = 0;
     char fraction[16] = {0};
-    if (std::sscanf(text.c_str(), "%d-%d-%d %d:%d:%d.%9[0-9]", &year, &month, &day, &hour,
-                    &minute, &second, fraction) < 6)
+    if (std::sscanf(text.c_str(), "%d-%d-%d %d:%d:%d.%9[0-9]", &year, &month, &day, &hour, &minute,
+                    &second, fraction) < 6)
         return false;
     std::string digits(fraction);
     digits.resize(9, '0');
@@ -196,11 +196,14 @@ bool timeMatches(const std::string& text, std::uint64_t ntfsTime) {
 // The $FILE_NAME flags as The Sleuth Kit names them.
 std::string flagNames(std::uint32_t flags) {
     static const std::pair<std::uint32_t, const char*> NAMES[] = {
-        {0x10000000, "Directory"}, {0x20000000, "Index View"}, {0x1, "Read Only"},  {0x2, "Hidden"},
-        {0x4, "System"},           {0x20, "Archive"},   {0x40, "Device"},
-        {0x80, "Normal"},          {0x100, "Temporary"}, {0x200, "Sparse"},
-        {0x400, "Reparse Point"},  {0x800, "Compressed"}, {0x1000, "Offline"},
-        {0x2000, "Not Content Indexed"}, {0x4000, "Encrypted"}};
+        {0x10000000, "Directory"}, {0x20000000, "Index View"},
+        {0x1, "Read Only"},        {0x2, "Hidden"},
+        {0x4, "System"},           {0x20, "Archive"},
+        {0x40, "Device"},          {0x80, "Normal"},
+        {0x100, "Temporary"},      {0x200, "Sparse"},
+        {0x400, "Reparse Point"},  {0x800, "Compressed"},
+        {0x1000, "Offline"},       {0x2000, "Not Content Indexed"},
+        {0x4000, "Encrypted"}};
     std::set<std::string> names;
     for (const auto& [bit, text] : NAMES)
         if (flags & bit)
@@ -277,8 +280,9 @@ public:
         if (data == nullptr)
             throw std::runtime_error("istat shows no $DATA for $MFT");
         for (std::uint64_t cluster : data->clusters) {
-            const Bytes bytes = readFileBytes(
-                m_path, facts.volumeOffset + cluster * facts.bytesPerCluster, facts.bytesPerCluster);
+            const Bytes bytes =
+                readFileBytes(m_path, facts.volumeOffset + cluster * facts.bytesPerCluster,
+                              facts.bytesPerCluster);
             m_mft.insert(m_mft.end(), bytes.begin(), bytes.end());
         }
         m_mft.resize(std::min<std::uint64_t>(m_mft.size(), data->size));
@@ -316,7 +320,9 @@ private:
     Bytes m_mft;
 };
 
-std::string imageName(const ImageFacts& facts) { return std::string(facts.fileName); }
+std::string imageName(const ImageFacts& facts) {
+    return std::string(facts.fileName);
+}
 
 class FixtureRecords : public ::testing::TestWithParam<FixtureImage> {};
 
@@ -382,9 +388,9 @@ struct Checked {
 void compareWithIstat(ImageUnderTest& image, std::uint64_t index, const FileRecord& record,
                       Checked& checked) {
     SCOPED_TRACE(imageName(image.facts()) + " record " + std::to_string(index));
-    const std::string text = oracle::runToolChecked(
-        {"istat", "-z", "UTC", "-o", std::to_string(image.sectorOffset()), image.path().string(),
-         std::to_string(index)});
+    const std::string text =
+        oracle::runToolChecked({"istat", "-z", "UTC", "-o", std::to_string(image.sectorOffset()),
+                                image.path().string(), std::to_string(index)});
     const oracle::IstatResult istat = oracle::parseIstat(text);
     const std::vector<FileNameSection> names = fileNameSections(text);
     ++checked.records;
@@ -465,7 +471,8 @@ TEST_P(FixtureRecords, InUseRecordsAgreeWithIstatAfterFixups) {
     for (std::uint64_t index = 0; index < image.recordCount(); ++index) {
         Bytes raw = image.record(index);
         std::optional<Bytes> fixed = applyFixups(raw);
-        if (!fixed || std::memcmp(fixed->data(), "FILE", 4) != 0 || (le(&(*fixed)[0x16], 2) & 1) == 0)
+        if (!fixed || std::memcmp(fixed->data(), "FILE", 4) != 0 ||
+            (le(&(*fixed)[0x16], 2) & 1) == 0)
             continue;
         if (le(&(*fixed)[0x20], 8) != 0)
             continue; // an extension record: its base record speaks for it
@@ -509,9 +516,9 @@ TEST_P(FixtureRecords, PostProcessListsEveryChildThatFlsLists) {
     }
 
     VolumeHandle drive;
-    ASSERT_TRUE(drive.open(orv::CreateFileOpenArgs(orv::String("\\\\.\\PhysicalDrive0"),
-                                                   GENERIC_READ, FILE_SHARE_READ | FILE_SHARE_WRITE,
-                                                   OPEN_EXISTING, 0)));
+    ASSERT_TRUE(
+        drive.open(orv::CreateFileOpenArgs(orv::String("\\\\.\\PhysicalDrive0"), GENERIC_READ,
+                                           FILE_SHARE_READ | FILE_SHARE_WRITE, OPEN_EXISTING, 0)));
     std::size_t withBlocks = 0, cutByFixups = 0;
     for (const auto& [path, inode] : directories) {
         SCOPED_TRACE(imageName(image.facts()) + " directory \"" + path + "\"");

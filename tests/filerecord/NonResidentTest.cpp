@@ -29,9 +29,9 @@ TEST(RunListDecoder, DecodesOneRunAndLogsItsSteps) {
     LogCapture log;
     EXPECT_THAT(decode({0x21, 0x18, 0x34, 0x56, 0x00}, 0x18),
                 ElementsAre(ClusterRange(0x18, 0x5634)));
-    EXPECT_THAT(log.texts(LOGGER), ElementsAre("160 maxClusters: 24", "182 000000000018h clusters",
-                                               "208 VCN offset 000000005634h ",
-                                               "223 Cluster 000000005634h"));
+    EXPECT_THAT(log.texts(LOGGER),
+                ElementsAre("160 maxClusters: 24", "182 000000000018h clusters",
+                            "208 VCN offset 000000005634h ", "223 Cluster 000000005634h"));
 }
 
 TEST(RunListDecoder, NegativeOffsetMovesBack) {
@@ -136,8 +136,8 @@ class NonResidentTest : public FakeVolumeTest {};
 TEST_F(NonResidentTest, UnnamedDataGivesSizesAndRunsShiftedToTheDisk) {
     LogCapture log;
     const Bytes runs = {0x21, 0x18, 0x34, 0x06, 0x11, 0x02, 0xF0, 0x00};
-    const FileRecord record = parse(
-        RecordBuilder().add(nonResidentAttribute(0x80, runs, 0x1A000, 0x19001)).build());
+    const FileRecord record =
+        parse(RecordBuilder().add(nonResidentAttribute(0x80, runs, 0x1A000, 0x19001)).build());
     ASSERT_TRUE(record.isValid());
     EXPECT_EQ(record.allocatedSize(), 0x1A000u);
     EXPECT_EQ(record.realSize(), 0x19001u);
@@ -164,21 +164,22 @@ TEST_F(NonResidentTest, NamedDataLeavesTheDataSize) {
 }
 
 TEST_F(NonResidentTest, SizesAreKeptTo44Bits) {
-    const FileRecord record = parse(
-        RecordBuilder()
-            .add(nonResidentAttribute(0x80, {0x11, 0x01, 0x40, 0x00}, 0xABC0000000001000ULL,
-                                      0xABC0000000000800ULL))
-            .build());
+    const FileRecord record =
+        parse(RecordBuilder()
+                  .add(nonResidentAttribute(0x80, {0x11, 0x01, 0x40, 0x00}, 0xABC0000000001000ULL,
+                                            0xABC0000000000800ULL))
+                  .build());
     EXPECT_EQ(record.allocatedSize(), 0x1000u);
     EXPECT_EQ(record.realSize(), 0x800u);
     EXPECT_EQ(record.dataSize(), 0x800u);
 }
 
 TEST_F(NonResidentTest, ResidentAttributeAfterNonResidentRestoresRecordFigures) {
-    const Bytes bytes = RecordBuilder()
-                            .add(nonResidentAttribute(0x80, {0x11, 0x01, 0x40, 0x00}, 0x1000, 0x800))
-                            .add(residentAttribute(0x100, Bytes(8, 0)))
-                            .build();
+    const Bytes bytes =
+        RecordBuilder()
+            .add(nonResidentAttribute(0x80, {0x11, 0x01, 0x40, 0x00}, 0x1000, 0x800))
+            .add(residentAttribute(0x100, Bytes(8, 0)))
+            .build();
     const FileRecord record = parse(bytes);
     EXPECT_EQ(record.realSize(), std::uint32_t(bytes[0x18] | bytes[0x19] << 8));
     EXPECT_EQ(record.allocatedSize(), 1024u * 512u);
@@ -188,8 +189,8 @@ TEST_F(NonResidentTest, ResidentAttributeAfterNonResidentRestoresRecordFigures) 
 TEST_F(NonResidentTest, NonResidentTableNamesOnlyItsOwnRows) {
     const Bytes runs = {0x11, 0x01, 0x40, 0x00};
     RecordBuilder builder;
-    for (std::uint32_t type : {0x10u, 0x20u, 0x30u, 0x50u, 0x90u, 0xA0u, 0xB0u, 0xC0u, 0xD0u,
-                               0xE0u, 0xF0u, 0x100u, 0x110u})
+    for (std::uint32_t type : {0x10u, 0x20u, 0x30u, 0x50u, 0x90u, 0xA0u, 0xB0u, 0xC0u, 0xD0u, 0xE0u,
+                               0xF0u, 0x100u, 0x110u})
         builder.add(nonResidentAttribute(type, runs, 0x1000, 0x1000));
     const FileRecord record = parse(builder.build());
     std::vector<std::string> names;
@@ -232,13 +233,16 @@ TEST_F(NonResidentTest, RunOutsideTheVolumeIsReportedWithDumps) {
     EXPECT_THAT(toVector(record.getClusterRanges()), ElementsAre(ClusterRange(2, 0x140)));
 
     const std::vector<std::string> lines = log.texts(LOGGER);
-    const auto at = std::find(lines.begin(), lines.end(), "412 Found invalid data runs at MFT index 42");
+    const auto at =
+        std::find(lines.begin(), lines.end(), "412 Found invalid data runs at MFT index 42");
     ASSERT_NE(at, lines.end());
     ASSERT_GE(lines.end() - at, 3);
     const std::size_t attributeOffset = builder.offsetOf(0);
     const std::size_t attributeLength = bytes[attributeOffset + 4];
     const std::string attributeDump =
-        orv::HexDumpFormat(bytes.data() + attributeOffset, attributeLength, 3, 0).toString().toUtf8();
+        orv::HexDumpFormat(bytes.data() + attributeOffset, attributeLength, 3, 0)
+            .toString()
+            .toUtf8();
     EXPECT_EQ(*(at + 1), "413 Attribute:\n" + attributeDump);
     const std::size_t runOffset = 0x48; // after the name
     const std::string runDump = orv::HexDumpFormat(bytes.data() + attributeOffset + runOffset,
@@ -249,9 +253,9 @@ TEST_F(NonResidentTest, RunOutsideTheVolumeIsReportedWithDumps) {
 
     // The index allocation stops at the same run.
     VolumeHandle handle;
-    ASSERT_TRUE(handle.open(orv::CreateFileOpenArgs(orv::String("\\\\.\\PhysicalDrive0"),
-                                                   GENERIC_READ, FILE_SHARE_READ | FILE_SHARE_WRITE,
-                                                   OPEN_EXISTING, 0)));
+    ASSERT_TRUE(
+        handle.open(orv::CreateFileOpenArgs(orv::String("\\\\.\\PhysicalDrive0"), GENERIC_READ,
+                                            FILE_SHARE_READ | FILE_SHARE_WRITE, OPEN_EXISTING, 0)));
     m_fake.clearLog();
     record.postProcess(handle);
     EXPECT_EQ(m_fake.reads().size(), 1u);
@@ -291,7 +295,9 @@ TEST_F(NonResidentTest, VolumeWithoutAnExtentRaisesTheArrayAssertion) {
     m_fake.volume('C').extents.clear();
     m_volume = std::make_unique<Volume>('C');
     const Bytes nonResident =
-        RecordBuilder().add(nonResidentAttribute(0x80, {0x11, 0x01, 0x40, 0x00}, 0x1000, 1)).build();
+        RecordBuilder()
+            .add(nonResidentAttribute(0x80, {0x11, 0x01, 0x40, 0x00}, 0x1000, 1))
+            .build();
     for (auto priority : {orv::LoggerPriority::LP_DEBUG, orv::LoggerPriority::LP_ERROR}) {
         LogCapture log(priority);
         try {
@@ -305,8 +311,8 @@ TEST_F(NonResidentTest, VolumeWithoutAnExtentRaisesTheArrayAssertion) {
     EXPECT_TRUE(parse(RecordBuilder().add(residentAttribute(0x80, Bytes(4, 0))).build()).isValid());
     // Nor does a non-resident attribute without runs, when diagnostics are off.
     LogCapture quiet(orv::LoggerPriority::LP_ERROR);
-    EXPECT_TRUE(parse(RecordBuilder().add(nonResidentAttribute(0x80, {0x00}, 0, 0)).build())
-                    .isValid());
+    EXPECT_TRUE(
+        parse(RecordBuilder().add(nonResidentAttribute(0x80, {0x00}, 0, 0)).build()).isValid());
 }
 
 } // namespace

@@ -17,9 +17,9 @@ class PostProcessTest : public FakeVolumeTest {
 protected:
     void SetUp() override {
         FakeVolumeTest::SetUp();
-        ASSERT_TRUE(m_drive.open(orv::CreateFileOpenArgs(
-            orv::String("\\\\.\\PhysicalDrive0"), GENERIC_READ,
-            FILE_SHARE_READ | FILE_SHARE_WRITE, OPEN_EXISTING, 0)));
+        ASSERT_TRUE(m_drive.open(
+            orv::CreateFileOpenArgs(orv::String("\\\\.\\PhysicalDrive0"), GENERIC_READ,
+                                    FILE_SHARE_READ | FILE_SHARE_WRITE, OPEN_EXISTING, 0)));
     }
     void TearDown() override {
         m_drive.release();
@@ -42,12 +42,12 @@ protected:
         for (std::uint64_t child : rootChildren)
             entries.push_back(indexEntry(reference(child, 1)));
         entries.push_back(lastIndexEntry());
-        return parse(RecordBuilder()
-                         .directory(true)
-                         .add(residentAttribute(0x90, indexRootValue(entries), u"$I30"))
-                         .add(nonResidentAttribute(0xA0, runs, clusters * 4096, clusters * 4096,
-                                                   u"$I30"))
-                         .build());
+        return parse(
+            RecordBuilder()
+                .directory(true)
+                .add(residentAttribute(0x90, indexRootValue(entries), u"$I30"))
+                .add(nonResidentAttribute(0xA0, runs, clusters * 4096, clusters * 4096, u"$I30"))
+                .build());
     }
 
     VolumeHandle m_drive;
@@ -56,8 +56,8 @@ protected:
 TEST_F(PostProcessTest, ReadsEachRunOnceAndListsEveryChildOnce) {
     // Run 1: two clusters at volume cluster 0x40 (one 8 KiB read); run 2: one
     // cluster at 0x50.
-    writeAtCluster(0x40, indexBlock({indexEntry(101), indexEntry(102), indexEntry(103),
-                                     lastIndexEntry()}));
+    writeAtCluster(
+        0x40, indexBlock({indexEntry(101), indexEntry(102), indexEntry(103), lastIndexEntry()}));
     writeAtCluster(0x41, indexBlock({indexEntry(104), indexEntry(102), lastIndexEntry()}));
     writeAtCluster(0x50, indexBlock({indexEntry(105), indexEntry(100), lastIndexEntry()}));
     FileRecord record = directory({100, 101}, {0x11, 0x02, 0x40, 0x11, 0x01, 0x10, 0x00}, 3);
@@ -88,11 +88,12 @@ TEST_F(PostProcessTest, BlocksAreFoundAtEverySectorStart) {
 }
 
 TEST_F(PostProcessTest, WithoutI30AllocationNothingIsRead) {
-    FileRecord record = parse(
-        RecordBuilder()
-            .add(residentAttribute(0x90, indexRootValue({indexEntry(9), lastIndexEntry()}), u"$I30"))
-            .add(nonResidentAttribute(0xA0, {0x11, 0x01, 0x40, 0x00}, 4096, 4096, u"$SDH"))
-            .build());
+    FileRecord record =
+        parse(RecordBuilder()
+                  .add(residentAttribute(0x90, indexRootValue({indexEntry(9), lastIndexEntry()}),
+                                         u"$I30"))
+                  .add(nonResidentAttribute(0xA0, {0x11, 0x01, 0x40, 0x00}, 4096, 4096, u"$SDH"))
+                  .build());
     m_fake.clearLog();
     record.postProcess(m_drive);
     EXPECT_EQ(m_fake.readCount(), 0u);

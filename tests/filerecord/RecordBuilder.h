@@ -117,11 +117,11 @@ inline Bytes lastIndexEntry() {
 // An $INDEX_ROOT value named "$I30" over the given entries.
 inline Bytes indexRootValue(const std::vector<Bytes>& entries) {
     Bytes value(0x20, 0);
-    putLe(value, 0x00, 0x30, 4);    // indexed attribute: $FILE_NAME
-    putLe(value, 0x04, 1, 4);       // collation
-    putLe(value, 0x08, 4096, 4);    // index block size
-    putLe(value, 0x0C, 1, 1);       // clusters per block
-    putLe(value, 0x10, 0x10, 4);    // entries offset (from 0x10)
+    putLe(value, 0x00, 0x30, 4); // indexed attribute: $FILE_NAME
+    putLe(value, 0x04, 1, 4);    // collation
+    putLe(value, 0x08, 4096, 4); // index block size
+    putLe(value, 0x0C, 1, 1);    // clusters per block
+    putLe(value, 0x10, 0x10, 4); // entries offset (from 0x10)
     for (const auto& e : entries)
         value.insert(value.end(), e.begin(), e.end());
     putLe(value, 0x14, value.size() - 0x10, 4); // total size of entries, from 0x10

@@ -43,7 +43,7 @@ TEST(ShortName, TheCasesOfTheRule) {
     EXPECT_TRUE(isShort(u"."));
     EXPECT_TRUE(isShort(u".."));
     EXPECT_TRUE(isShort(u".TXT"));
-    EXPECT_TRUE(isShort(u"A..B"));     // empty pieces do not count
+    EXPECT_TRUE(isShort(u"A..B")); // empty pieces do not count
     EXPECT_TRUE(isShort(u"$MFT"));
     EXPECT_TRUE(isShort(u"\u00C9T\u00C9.TXT")); // upper-case beyond ASCII
     EXPECT_FALSE(isShort(u"readme.txt"));
