@@ -37,6 +37,15 @@ std::string number(unsigned long long n) {
     return std::to_string(n);
 }
 
+// The system's message for the last error, without the line end some
+// systems give it.
+std::string lastSystemErrorText() {
+    std::string text = utf8(orv::System::getSystemErrorMsg(orv::System::getSystemError(), false));
+    while (!text.empty() && (text.back() == '\n' || text.back() == '\r' || text.back() == ' '))
+        text.pop_back();
+    return text;
+}
+
 void expectArguments(const Session& session, std::size_t least, std::size_t most) {
     const std::size_t count = session.options().arguments.size();
     if (count < least || count > most)
@@ -715,9 +724,7 @@ int dumpCommand(Session& session) {
     VolumeHandle handle;
     if (!handle.open(orv::CreateFileOpenArgs(
             device, GENERIC_READ, FILE_SHARE_READ | FILE_SHARE_WRITE, OPEN_EXISTING, 0))) {
-        const orv::String reason =
-            orv::System::getSystemErrorMsg(orv::System::getSystemError(), false);
-        throw CommandError("cannot open " + utf8(device) + ": " + utf8(reason));
+        throw CommandError("cannot open " + utf8(device) + ": " + lastSystemErrorText());
     }
     orv::String text;
     if (!Volume::dumpSectors(handle, sector, static_cast<unsigned int>(count), bytesPerSector,

@@ -25,13 +25,19 @@ namespace {
 // Keeps the last few failure lines for the one-line error message.
 constexpr std::size_t KEPT_FAILURES = 8;
 
+// "76 Failed to get volume data: Access is denied.\r\n" -> "Failed to get
+// volume data: Access is denied."
 std::string withoutLineNumber(const std::string& text) {
     std::size_t i = 0;
     while (i < text.size() && std::isdigit(static_cast<unsigned char>(text[i])))
         ++i;
-    if (i > 0 && i < text.size() && text[i] == ' ')
-        return text.substr(i + 1);
-    return text;
+    std::string message = (i > 0 && i < text.size() && text[i] == ' ') ? text.substr(i + 1) : text;
+    while (!message.empty() && std::isspace(static_cast<unsigned char>(message.back())))
+        message.pop_back();
+    for (char& c : message)
+        if (c == '\n' || c == '\r')
+            c = ' ';
+    return message;
 }
 
 std::string letterText(char letter) {
