@@ -542,7 +542,8 @@ int findCommand(Session& session) {
     }
     if (records.empty())
         throw CommandError("nothing at " + utf8(path) +
-                           " (names must match in their stored letter case)");
+                           " (no in-use record has this path; names must match in their stored "
+                           "letter case)");
 
     Output& out = session.out();
     if (session.options().json) {
