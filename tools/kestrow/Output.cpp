@@ -103,10 +103,15 @@ void Output::flush() {
 void appendUtf8(std::string& out, const orv::String& text) {
     const orv::Char16* units = text.getUCS2Buffer();
     const unsigned int n = text.size();
+    // At most three bytes per unit (a surrogate pair is two units for four
+    // bytes): grow once, write through a pointer, then trim.
+    const std::size_t start = out.size();
+    out.resize(start + 3 * static_cast<std::size_t>(n));
+    char* p = out.data() + start;
     for (unsigned int i = 0; i < n; ++i) {
         std::uint32_t c = static_cast<std::uint16_t>(units[i]);
         if (c < 0x80) {
-            out.push_back(static_cast<char>(c));
+            *p++ = static_cast<char>(c);
             continue;
         }
         if (c >= 0xD800 && c <= 0xDBFF && i + 1 < n) {
@@ -119,19 +124,20 @@ void appendUtf8(std::string& out, const orv::String& text) {
         if (c >= 0xD800 && c <= 0xDFFF)
             c = 0xFFFD;
         if (c < 0x800) {
-            out.push_back(static_cast<char>(0xC0 | (c >> 6)));
-            out.push_back(static_cast<char>(0x80 | (c & 0x3F)));
+            *p++ = static_cast<char>(0xC0 | (c >> 6));
+            *p++ = static_cast<char>(0x80 | (c & 0x3F));
         } else if (c < 0x10000) {
-            out.push_back(static_cast<char>(0xE0 | (c >> 12)));
-            out.push_back(static_cast<char>(0x80 | ((c >> 6) & 0x3F)));
-            out.push_back(static_cast<char>(0x80 | (c & 0x3F)));
+            *p++ = static_cast<char>(0xE0 | (c >> 12));
+            *p++ = static_cast<char>(0x80 | ((c >> 6) & 0x3F));
+            *p++ = static_cast<char>(0x80 | (c & 0x3F));
         } else {
-            out.push_back(static_cast<char>(0xF0 | (c >> 18)));
-            out.push_back(static_cast<char>(0x80 | ((c >> 12) & 0x3F)));
-            out.push_back(static_cast<char>(0x80 | ((c >> 6) & 0x3F)));
-            out.push_back(static_cast<char>(0x80 | (c & 0x3F)));
+            *p++ = static_cast<char>(0xF0 | (c >> 18));
+            *p++ = static_cast<char>(0x80 | ((c >> 12) & 0x3F));
+            *p++ = static_cast<char>(0x80 | ((c >> 6) & 0x3F));
+            *p++ = static_cast<char>(0x80 | (c & 0x3F));
         }
     }
+    out.resize(static_cast<std::size_t>(p - out.data()));
 }
 
 std::string utf8(const orv::String& text) {
