@@ -396,22 +396,39 @@ TEST(DiskImageBackend, MbrDiskGivesTheFatPartitionTheNextLetter) {
     EXPECT_EQ(volumes[1].partition, 2u);
     EXPECT_EQ(volumes[1].offset, kestrow::test::kMbrFatStartSector * 512);
 
+    // The Sleuth Kit's view of the FAT volume: its label, serial and cluster counts.
+    const std::string fsstat = oracle::runToolChecked(
+        {"fsstat", "-o", std::to_string(volumes[1].offset / 512), image.string()});
+    auto field = [&](const std::string& key) {
+        const std::size_t at = fsstat.find(key);
+        EXPECT_NE(at, std::string::npos) << key;
+        const std::size_t start = at + key.size();
+        return fsstat.substr(start, fsstat.find('\n', start) - start);
+    };
+    std::string expectedLabel = field("Volume Label (Root Directory): ");
+    while (!expectedLabel.empty() && expectedLabel.back() == ' ')
+        expectedLabel.pop_back();
+    const DWORD expectedSerial = static_cast<DWORD>(std::stoul(field("Volume ID: "), nullptr, 16));
+    const std::string clusterRange = field("Total Cluster Range: ");
+    const DWORD expectedTotal =
+        static_cast<DWORD>(std::stoul(clusterRange.substr(clusterRange.find("- ") + 2)) - 1);
+    const DWORD expectedFree = static_cast<DWORD>(std::stoul(field("Free Sector Count (FS Info): ")));
+
+    WCHAR label[64] = {};
     WCHAR fileSystem[64] = {};
     DWORD serial = 0;
-    ASSERT_TRUE(platform::GetVolumeInformationW(wide("D:\\").c_str(), nullptr, 0, &serial, nullptr,
+    ASSERT_TRUE(platform::GetVolumeInformationW(wide("D:\\").c_str(), label, 64, &serial, nullptr,
                                                 nullptr, fileSystem, 64));
     EXPECT_EQ(utf8(fileSystem), "FAT32");
-    // The boot sector's own serial (offset 0x43 of a FAT32 boot sector).
-    const auto boot = kestrow::test::readFileBytes(image, volumes[1].offset, 512);
-    DWORD expectedSerial = 0;
-    std::memcpy(&expectedSerial, boot.data() + 0x43, 4);
+    EXPECT_EQ(utf8(label), expectedLabel);
     EXPECT_EQ(serial, expectedSerial);
 
     DWORD spc = 0, bps = 0, freeClusters = 0, total = 0;
     ASSERT_TRUE(platform::GetDiskFreeSpaceW(wide("D:\\").c_str(), &spc, &bps, &freeClusters, &total));
     EXPECT_EQ(bps, 512u);
-    EXPECT_GT(total, 0u);
-    EXPECT_LT(freeClusters, total);
+    EXPECT_EQ(spc, 1u); // so the FS Info sector count is a cluster count
+    EXPECT_EQ(total, expectedTotal);
+    EXPECT_EQ(freeClusters, expectedFree);
 
     Handle fat("\\\\?\\D:");
     ASSERT_TRUE(fat.valid());
