@@ -56,37 +56,63 @@ bool isRootName(const orv::String& name) {
     return name.size() == 1 && name[0] == static_cast<orv::Char16>('.');
 }
 
-// Remembers the records a parent walk has passed. A damaged or hostile MFT may
-// hold parent references that loop without any record being its own parent;
-// stepping onto a record already passed means such a loop, and the walk then
-// ends as a broken-off walk does. An acyclic chain never meets a record twice,
-// so the guard changes no result there.
-class ParentWalkGuard {
+// One walk up the parent references: the records passed and the path
+// pieces gathered from the leaf upward, joined once at the end. Names are not
+// copied: they stay in the record hash table, whose entries never move or go
+// away while the table lives.
+//
+// The walk also guards against loops. A damaged or hostile MFT may hold parent
+// references that loop without any record being its own parent; stepping
+// onto a record already passed means such a loop, and the walk then ends with
+// the part gathered so far, as a broken-off walk does. An acyclic chain never
+// meets a record twice, so the guard changes no result there.
+class ParentWalk {
 public:
-    bool alreadyPassed(unsigned long long index) const { return m_passed.contains(index); }
-    void pass(unsigned long long index) { m_passed.append(index); }
+    explicit ParentWalk(unsigned long long leafIndex) : m_leafIndex(leafIndex) {}
+
+    bool alreadyPassed(unsigned long long index) const {
+        if (index == m_leafIndex)
+            return true;
+        for (const Piece& piece : m_pieces)
+            if (piece.index == index)
+                return true;
+        return false;
+    }
+
+    // "name\" in front of what has been gathered.
+    void prefixName(unsigned long long index, const orv::String& name) {
+        m_pieces.append(Piece{index, &name});
+    }
+    // The volume path (which ends in a separator) in front.
+    void prefixVolumePath(unsigned long long index) { m_pieces.append(Piece{index, nullptr}); }
+
+    orv::String join(const orv::String& volumePath, const orv::String& leaf) const {
+        unsigned int length = leaf.size();
+        for (const Piece& piece : m_pieces)
+            length += piece.name != nullptr ? piece.name->size() + 1 : volumePath.size();
+        orv::String path;
+        path.reserveCapacity(length);
+        for (std::uint32_t i = m_pieces.size(); i-- > 0;) {
+            const Piece& piece = m_pieces[i];
+            if (piece.name == nullptr) {
+                path.append(volumePath);
+            } else {
+                path.append(*piece.name);
+                path.append(static_cast<orv::Char16>('\\'));
+            }
+        }
+        path.append(leaf);
+        return path;
+    }
 
 private:
-    orv::Array<unsigned long long> m_passed;
+    struct Piece {
+        unsigned long long index;
+        const orv::String* name; // null: the volume path
+    };
+    unsigned long long m_leafIndex;
+    orv::Array<Piece> m_pieces;
 };
-
-// "name\path": one step of a path built from the leaf upward.
-orv::String prefixComponent(const orv::String& name, const orv::String& path) {
-    orv::String result;
-    result.reserveCapacity(name.size() + 1 + path.size());
-    result.append(name);
-    result.append(static_cast<orv::Char16>('\\'));
-    result.append(path);
-    return result;
-}
-
-orv::String prefixVolumePath(const orv::String& volumePath, const orv::String& path) {
-    orv::String result;
-    result.reserveCapacity(volumePath.size() + path.size());
-    result.append(volumePath);
-    result.append(path);
-    return result;
-}
 
 } // namespace
 
@@ -427,10 +453,10 @@ bool MasterFileTable::getMftRecord(const FileReference& ref, FileRecord& record)
     return true;
 }
 
+// First entry wins: insert() leaves a present key alone. One lookup per
+// record: a summary built for a key already present is simply dropped.
 void MasterFileTable::addToRecordHashTable(const FileRecord& record) {
-    const unsigned long long key = record.mftIndex().index;
-    if (!m_recordHashTable.contains(key))
-        m_recordHashTable.insert(key, RecordSummary(record));
+    m_recordHashTable.insert(record.mftIndex().index, RecordSummary(record));
 }
 
 bool MasterFileTable::getValidMftRecord(const FileReference& ref, FileRecord& record) {
@@ -516,16 +542,16 @@ bool MasterFileTable::buildRecordMap() {
     return true;
 }
 
-bool MasterFileTable::getParentPath(const FileReference& ref, RecordSummary& out) {
-    if (const RecordSummary* entry = m_recordHashTable.lookup(ref.index)) {
-        out = *entry;
-        return true;
-    }
+// One step of a parent walk: the summary of record `ref`, from the table or
+// else read from disk. A record read from disk joins the table through
+// getValidMftRecord, so the step always answers with the table's own entry.
+const RecordSummary* MasterFileTable::getParentPath(const FileReference& ref) {
+    if (const RecordSummary* entry = m_recordHashTable.lookup(ref.index))
+        return entry;
     FileRecord record;
     if (!getValidMftRecord(ref, record))
-        return false;
-    out = RecordSummary(record);
-    return true;
+        return nullptr;
+    return m_recordHashTable.lookup(ref.index);
 }
 
 orv::String MasterFileTable::findParentPath(const FileRecord& record) {
@@ -533,30 +559,28 @@ orv::String MasterFileTable::findParentPath(const FileRecord& record) {
         logText("325 ", "findParentPath(): MasterFileTable has not been initialized");
         return orv::String();
     }
-    RecordSummary current;
-    current.mftIndex = record.mftIndex();
-    current.parentMftIndex = record.parentMftIndex();
-    orv::String path;
-    if (current.mftIndex == current.parentMftIndex)
-        return path;
+    const FileReference self = record.mftIndex();
+    FileReference parent = record.parentMftIndex();
+    if (self == parent)
+        return orv::String();
 
-    ParentWalkGuard guard;
-    guard.pass(current.mftIndex.index);
+    ParentWalk walk(self.index);
     for (;;) {
-        const FileReference parent = current.parentMftIndex;
-        if (guard.alreadyPassed(parent.index))
-            return path; // a loop: the part gathered so far, as a broken-off walk
-        guard.pass(parent.index);
-        if (!getParentPath(parent, current))
-            return path;
-        if (current.name.empty())
-            return path;
-        if (isRootName(current.name))
-            return prefixVolumePath(m_volume.m_path, path);
-        path = prefixComponent(current.name, path);
-        if (current.mftIndex == current.parentMftIndex)
-            return path;
+        if (walk.alreadyPassed(parent.index))
+            break;
+        const RecordSummary* current = getParentPath(parent);
+        if (current == nullptr || current->name.empty())
+            break;
+        if (isRootName(current->name)) {
+            walk.prefixVolumePath(parent.index);
+            break;
+        }
+        walk.prefixName(parent.index, current->name);
+        if (current->mftIndex == current->parentMftIndex)
+            break;
+        parent = current->parentMftIndex;
     }
+    return walk.join(m_volume.m_path, orv::String::EMPTY());
 }
 
 orv::String MasterFileTable::findParentPath(const FileReference& ref) {
@@ -564,32 +588,31 @@ orv::String MasterFileTable::findParentPath(const FileReference& ref) {
         logText("356 ", "findParentPath(): MasterFileTable has not been initialized");
         return orv::String();
     }
-    const RecordSummary* entry = m_recordHashTable.lookup(ref.index);
-    if (entry == nullptr)
+    // This overload never reads the disk for the record itself.
+    const RecordSummary* leaf = m_recordHashTable.lookup(ref.index);
+    if (leaf == nullptr)
         return orv::String();
-    RecordSummary current = *entry;
-    orv::String path = current.name;
-    if (current.mftIndex == current.parentMftIndex)
-        return path;
+    if (leaf->mftIndex == leaf->parentMftIndex)
+        return leaf->name;
 
-    ParentWalkGuard guard;
-    guard.pass(current.mftIndex.index);
+    // After the root's "." the walk goes on unless the root is its own parent.
+    ParentWalk walk(leaf->mftIndex.index);
+    FileReference parent = leaf->parentMftIndex;
     for (;;) {
-        const FileReference parent = current.parentMftIndex;
-        if (guard.alreadyPassed(parent.index))
-            return path; // a loop: the part gathered so far, as a broken-off walk
-        guard.pass(parent.index);
-        if (!getParentPath(parent, current))
-            return path;
-        if (current.name.empty())
-            return path;
-        if (isRootName(current.name))
-            path = prefixVolumePath(m_volume.m_path, path);
+        if (walk.alreadyPassed(parent.index))
+            break;
+        const RecordSummary* current = getParentPath(parent);
+        if (current == nullptr || current->name.empty())
+            break;
+        if (isRootName(current->name))
+            walk.prefixVolumePath(parent.index);
         else
-            path = prefixComponent(current.name, path);
-        if (current.mftIndex == current.parentMftIndex)
-            return path;
+            walk.prefixName(parent.index, current->name);
+        if (current->mftIndex == current->parentMftIndex)
+            break;
+        parent = current->parentMftIndex;
     }
+    return walk.join(m_volume.m_path, leaf->name);
 }
 
 bool MasterFileTable::findMftRecordsByPath(const orv::String& path,

@@ -115,7 +115,7 @@ private:
     bool getMftRecord(const FileReference& ref, FileRecord& record);
     void addToRecordHashTable(const FileRecord& record);
 
-    bool getParentPath(const FileReference& ref, RecordSummary& out);
+    const RecordSummary* getParentPath(const FileReference& ref);
 
     bool m_initialized;
     orv::Array<Volume::FileExtent> m_mftExtents;

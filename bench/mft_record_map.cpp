@@ -1,0 +1,137 @@
+// Whole-MFT throughput on a large tree volume: reading the MFT's bytes,
+// buildRecordMap, and the full path of every record.
+//
+// The image is KESTROW_BENCH_IMAGE, or the 100k-file tree image that
+// `cmake --build <build> --target bench_tree_images_100k` builds next to the
+// fixtures (<build>/bench-images/tree-100k.img).
+#include <kestrow/Disks.h>
+#include <libKestrow/MasterFileTable.h>
+
+#include <benchmark/benchmark.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <filesystem>
+#include <memory>
+#include <string>
+
+namespace {
+
+std::filesystem::path benchImage() {
+    if (const char* path = std::getenv("KESTROW_BENCH_IMAGE"))
+        return path;
+    return std::filesystem::path(KESTROW_FIXTURE_DIR).parent_path() / "bench-images" /
+           "tree-100k.img";
+}
+
+// The image attached and its volume opened, once for the whole program.
+Volume* openedVolume() {
+    static std::unique_ptr<Volume> volume = [] {
+        std::string error;
+        if (!kestrow::platform::attachDisks({benchImage().string()}, error)) {
+            std::fprintf(stderr, "cannot attach %s: %s\n", benchImage().string().c_str(),
+                         error.c_str());
+            return std::unique_ptr<Volume>();
+        }
+        auto opened = std::make_unique<Volume>('C');
+        return opened->initialized() ? std::move(opened) : std::unique_ptr<Volume>();
+    }();
+    return volume.get();
+}
+
+unsigned long long recordSlots(MasterFileTable& table) {
+    unsigned long long count = 0;
+    table.getNumMftRecords(count);
+    return count;
+}
+
+// The baseline: every byte of every MFT run read from the drive in chunks of
+// the record buffer's size, nothing parsed.
+void BM_ReadMftBytes(benchmark::State& state) {
+    Volume* volume = openedVolume();
+    if (volume == nullptr) {
+        state.SkipWithError("bench image not available");
+        return;
+    }
+    MasterFileTable table(*volume);
+    const orv::Array<Volume::FileExtent> runs = table.getMftExtents();
+    const unsigned long long chunkBytes = 64ULL << 20;
+    orv::Buffer<unsigned char> buffer;
+    buffer.resize(chunkBytes, false);
+    const unsigned int bytesPerSector = volume->bytesPerSector();
+    unsigned long long bytes = 0;
+    for (auto _ : state) {
+        bytes = 0;
+        for (const Volume::FileExtent& run : runs) {
+            const unsigned long long runBytes = (run.endSector - run.startSector) * bytesPerSector;
+            for (unsigned long long done = 0; done < runBytes; done += chunkBytes) {
+                const unsigned long long n =
+                    runBytes - done < chunkBytes ? runBytes - done : chunkBytes;
+                if (!table.getDataAtSector(run.startSector + done / bytesPerSector, n, buffer)) {
+                    state.SkipWithError("read failed");
+                    return;
+                }
+                bytes += n;
+            }
+        }
+        benchmark::DoNotOptimize(buffer.data());
+    }
+    state.SetBytesProcessed(static_cast<long long>(state.iterations() * bytes));
+    state.SetItemsProcessed(
+        static_cast<long long>(state.iterations() * (bytes / volume->bytesPerFileRecord())));
+    state.counters["records"] = static_cast<double>(bytes / volume->bytesPerFileRecord());
+}
+BENCHMARK(BM_ReadMftBytes)->Unit(benchmark::kMillisecond)->UseRealTime();
+
+// buildRecordMap on a fresh table each time (the table only ever adds).
+void BM_BuildRecordMap(benchmark::State& state) {
+    Volume* volume = openedVolume();
+    if (volume == nullptr) {
+        state.SkipWithError("bench image not available");
+        return;
+    }
+    unsigned long long slots = 0;
+    unsigned int entries = 0;
+    for (auto _ : state) {
+        state.PauseTiming();
+        auto table = std::make_unique<MasterFileTable>(*volume);
+        slots = recordSlots(*table);
+        state.ResumeTiming();
+        table->buildRecordMap();
+        state.PauseTiming();
+        entries = table->getRecordHashTable().size();
+        table.reset();
+        state.ResumeTiming();
+    }
+    state.SetItemsProcessed(static_cast<long long>(state.iterations() * slots));
+    state.counters["records"] = static_cast<double>(slots);
+    state.counters["valid"] = static_cast<double>(entries);
+}
+BENCHMARK(BM_BuildRecordMap)->Unit(benchmark::kMillisecond)->UseRealTime();
+
+// The full path of every record in the map.
+void BM_FullPathOfEveryRecord(benchmark::State& state) {
+    Volume* volume = openedVolume();
+    if (volume == nullptr) {
+        state.SkipWithError("bench image not available");
+        return;
+    }
+    MasterFileTable table(*volume);
+    table.buildRecordMap();
+    const MasterFileTable::RecordHashTable& map = table.getRecordHashTable();
+    unsigned long long characters = 0;
+    for (auto _ : state) {
+        characters = 0;
+        for (auto it = map.begin(); it != map.end(); ++it)
+            characters += table.findParentPath(FileReference(it.key(), 0)).size();
+        benchmark::DoNotOptimize(characters);
+    }
+    state.SetItemsProcessed(static_cast<long long>(state.iterations() * map.size()));
+    state.counters["paths"] = static_cast<double>(map.size());
+    state.counters["avgLength"] = map.size() ? static_cast<double>(characters) / map.size() : 0;
+}
+BENCHMARK(BM_FullPathOfEveryRecord)->Unit(benchmark::kMillisecond)->UseRealTime();
+
+} // namespace
+
+BENCHMARK_MAIN();
