@@ -407,9 +407,17 @@ TEST(ToolInfo, MftFiguresAgreeWithFsstat) {
     EXPECT_GE(jsonNumbers(result.out, "recordSlots").at(0), fsstat.lastMftEntry);
     EXPECT_GT(jsonNumbers(result.out, "recordCount").size(), 1u)
         << "the rich $MFT has several runs";
+    // The record buffer holds whole records, at least one run's worth here.
+    const auto bufferBytes = jsonNumbers(result.out, "bufferBytes").at(0);
+    const auto bufferRecords = jsonNumbers(result.out, "bufferRecords").at(0);
+    EXPECT_GT(bufferRecords, 0u);
+    EXPECT_EQ(bufferRecords, bufferBytes / fsstat.mftEntrySize);
     const auto text = kestrowOk(image, {"info", "C:"});
     EXPECT_TRUE(text.out.starts_with("Volume 'C:'\n")) << text.out;
     EXPECT_NE(text.out.find("Record slots"), std::string::npos);
+    EXPECT_NE(text.out.find("Record buffer       : " + std::to_string(bufferBytes) + " bytes"),
+              std::string::npos)
+        << text.out;
 }
 
 TEST(ToolBitmap, UsedCountMatchesTheBitmapIcatReads) {

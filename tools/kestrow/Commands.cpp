@@ -199,6 +199,7 @@ int volumesCommand(Session& session) {
 int infoCommand(Session& session) {
     expectArguments(session, 1, 1);
     Volume& volume = session.openVolume(parseDriveLetter(argument(session, 0)));
+    session.watchBufferSizing();
     MasterFileTable& mft = session.openMft();
     const unsigned long long slots = recordCount(mft);
 
@@ -240,7 +241,9 @@ int infoCommand(Session& session) {
         json.key("mft")
             .beginObject()
             .field("recordSize", volume.bytesPerFileRecord())
-            .field("recordSlots", slots);
+            .field("recordSlots", slots)
+            .field("bufferBytes", session.bufferBytes())
+            .field("bufferRecords", session.bufferRecords());
         json.key("runs").beginArray();
         for (const MftExtent& run : runs)
             json.beginObject()
@@ -257,6 +260,8 @@ int infoCommand(Session& session) {
     out << "\nMaster File Table\n";
     out << "   Record size         : " << number(volume.bytesPerFileRecord()) << " bytes\n";
     out << "   Record slots        : " << number(slots) << "\n";
+    out << "   Record buffer       : " << number(session.bufferBytes()) << " bytes ("
+        << number(session.bufferRecords()) << " records)\n";
     out << "   Runs                : " << number(runs.size()) << "\n";
     for (std::size_t i = 0; i < runs.size(); ++i) {
         const MftExtent& run = runs[i];

@@ -82,8 +82,12 @@ Session::~Session() {
 
 void Session::logSink(void* context, const char* loggerName, int priority, const char* text) {
     auto* session = static_cast<Session*>(context);
+    if (session->m_sizingBuffer)
+        session->noteBufferSizing(text);
     if (session->m_options.verbose)
         std::fprintf(stderr, "[%s] %d %s\n", loggerName, priority, text);
+    else if (priority < orv::LoggerPriority::LP_ERROR)
+        return; // diagnostics enabled only to watch the buffer sizing
     if (priority >= orv::LoggerPriority::LP_ERROR) {
         if (session->m_failures.size() == KEPT_FAILURES)
             session->m_failures.erase(session->m_failures.begin());
@@ -154,8 +158,26 @@ Volume& Session::openVolume(char letter) {
                                        : ": " + reason));
 }
 
+// The table's sizing lines: "601 m_buffer.maxRecordsInBuffer: N" and
+// "602 m_buffer.maxBufferSize: N"; the last of each is the size it kept.
+void Session::noteBufferSizing(const char* text) {
+    static const char RECORDS[] = "601 m_buffer.maxRecordsInBuffer: ";
+    static const char BYTES[] = "602 m_buffer.maxBufferSize: ";
+    if (std::strncmp(text, RECORDS, sizeof RECORDS - 1) == 0)
+        m_bufferRecords = std::strtoull(text + sizeof RECORDS - 1, nullptr, 10);
+    else if (std::strncmp(text, BYTES, sizeof BYTES - 1) == 0)
+        m_bufferBytes = std::strtoull(text + sizeof BYTES - 1, nullptr, 10);
+}
+
 MasterFileTable& Session::openMft() {
+    const orv::LOGGER_PRIORITY priority = orv::LogFactory::getPriority();
+    if (m_watchBufferSizing) {
+        m_sizingBuffer = true;
+        orv::LogFactory::setPriority(orv::LoggerPriority::LP_DEBUG);
+    }
     m_mft = std::make_unique<MasterFileTable>(*m_volume);
+    orv::LogFactory::setPriority(priority);
+    m_sizingBuffer = false;
     if (!m_mft->initialized()) {
         const std::string reason = lastLibraryFailure();
         throw CommandError("cannot read the MFT of " + letterText(m_volume->driveLetter()) +

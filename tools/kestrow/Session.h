@@ -39,6 +39,12 @@ public:
     Volume& openAnyVolume(char letter);
     // Opens the volume's MFT; throws when it cannot be read.
     MasterFileTable& openMft();
+    // The record buffer's size in bytes and in records, as the table logged
+    // them while sizing it (the table keeps them private). Asked for before
+    // openMft; 0 when not seen.
+    void watchBufferSizing() { m_watchBufferSizing = true; }
+    unsigned long long bufferBytes() const { return m_bufferBytes; }
+    unsigned long long bufferRecords() const { return m_bufferRecords; }
     // Reads every record slot into the table's record map, with a progress
     // line on a terminal.
     void loadRecordMap();
@@ -49,12 +55,17 @@ public:
 
 private:
     static void logSink(void* context, const char* loggerName, int priority, const char* text);
+    void noteBufferSizing(const char* text);
 
     const Options& m_options;
     Output m_out;
     std::unique_ptr<Volume> m_volume;
     std::unique_ptr<MasterFileTable> m_mft;
     std::vector<std::string> m_failures;
+    bool m_watchBufferSizing = false;
+    bool m_sizingBuffer = false;
+    unsigned long long m_bufferBytes = 0;
+    unsigned long long m_bufferRecords = 0;
 };
 
 // A count-up on stderr ("Reading MFT records: 1200/4096 (29%)"), shown only
