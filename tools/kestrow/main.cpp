@@ -15,13 +15,33 @@
 #include <orv/Exception.h>
 
 #include <cstdio>
+#include <cstdlib>
 #include <exception>
 #include <new>
 #include <string>
 
+#if defined(_WIN32)
+#include <windows.h>
+#endif
+
 namespace {
 
 using namespace kestrow::tool;
+
+#if defined(_WIN32)
+// On Windows a failed check of the library raises a real structured
+// exception, which no C++ handler sees: this last-chance filter gives it the
+// same one line and exit status as every other failure.
+LONG WINAPI reportStructuredException(EXCEPTION_POINTERS* info) {
+    std::fflush(stdout);
+    std::fprintf(stderr,
+                 "kestrow: the library stopped on a failed internal check (code %lu); the "
+                 "volume's data may be damaged\n",
+                 static_cast<unsigned long>(info->ExceptionRecord->ExceptionCode));
+    std::fflush(stderr);
+    std::_Exit(EXIT_FAILED);
+}
+#endif
 
 void printError(const std::string& message) {
     std::fflush(stdout);
@@ -56,6 +76,9 @@ int run(int argc, char** argv) {
 } // namespace
 
 int main(int argc, char** argv) {
+#if defined(_WIN32)
+    SetUnhandledExceptionFilter(&reportStructuredException);
+#endif
     try {
         return run(argc, argv);
     } catch (const CommandError& error) {
