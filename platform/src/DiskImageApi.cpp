@@ -438,6 +438,23 @@ DWORD DiskImageApi::retrievalPointers(const OpenObject& object, LPVOID inBuffer,
                                   outBufferSize, bytesReturned);
 }
 
+DWORD readBitmapBytes(void* context, std::uint64_t firstByte, std::uint8_t* out,
+                      std::size_t length) {
+    const auto& bitmap = *static_cast<const std::vector<std::uint8_t>*>(context);
+    for (std::size_t i = 0; i < length; ++i)
+        out[i] = firstByte + i < bitmap.size() ? bitmap[firstByte + i] : 0xFF;
+    return 0;
+}
+
+DWORD fatBitmap(const AttachedVolume& volume, LPVOID inBuffer, DWORD inBufferSize,
+                LPVOID outBuffer, DWORD outBufferSize, LPDWORD bytesReturned) {
+    std::vector<std::uint8_t> bitmap;
+    if (const DWORD error = disk::fatAllocationBitmap(*volume.bytes, volume.boot, bitmap))
+        return error;
+    return replyVolumeBitmap(volume.boot.totalClusters, readBitmapBytes, &bitmap, inBuffer,
+                             inBufferSize, outBuffer, outBufferSize, bytesReturned);
+}
+
 DWORD readNtfsBitmap(void* context, std::uint64_t firstByte, std::uint8_t* out,
                      std::size_t length) {
     return static_cast<const disk::NtfsVolume*>(context)->readBitmap(firstByte, out, length);
@@ -500,7 +517,8 @@ BOOL DiskImageApi::DeviceIoControl(HANDLE handle, DWORD ioControlCode, LPVOID in
         else if (mounted)
             error = ERROR_INVALID_PARAMETER; // needs a volume handle
         else if (onVolume)
-            error = ERROR_NOT_SUPPORTED; // FAT and exFAT bitmaps are not offered
+            error = fatBitmap(*object->volume, inBuffer, inBufferSize, outBuffer, outBufferSize,
+                              &returned);
         break;
     default:
         break;

@@ -98,31 +98,12 @@ std::u16string exfatLabel(const std::vector<std::uint8_t>& root) {
     return {};
 }
 
-DWORD countZeroBits(const ByteSource& volume, std::uint64_t offset, std::uint64_t bits,
-                    std::uint64_t& zeros) {
-    constexpr std::size_t kChunk = 1u << 20;
-    const std::uint64_t bytes = (bits + 7) / 8;
-    std::vector<std::uint8_t> chunk(static_cast<std::size_t>(std::min<std::uint64_t>(bytes, kChunk)));
-    std::uint64_t ones = 0;
-    for (std::uint64_t at = 0; at < bytes; at += chunk.size()) {
-        const std::size_t length =
-            static_cast<std::size_t>(std::min<std::uint64_t>(chunk.size(), bytes - at));
-        if (const DWORD error = volume.readExactly(offset + at, chunk.data(), length))
-            return error;
-        for (std::size_t i = 0; i < length; ++i) {
-            std::uint8_t byte = chunk[i];
-            const std::uint64_t firstBit = (at + i) * 8;
-            if (bits - firstBit < 8)
-                byte &= static_cast<std::uint8_t>((1u << (bits - firstBit)) - 1);
-            ones += static_cast<std::uint64_t>(std::popcount(byte));
-        }
-    }
-    zeros = bits - ones;
-    return 0;
-}
+// Refuses bitmaps that disk values would make absurdly large: a FAT volume
+// has at most 2^28 clusters, an exFAT one 2^32.
+constexpr std::uint64_t kMaxBitmapBytes = std::uint64_t{1} << 29;
 
-DWORD exfatFreeClusters(const ByteSource& volume, const BootSector& boot,
-                        std::uint64_t& freeClusters) {
+DWORD exfatBitmap(const ByteSource& volume, const BootSector& boot,
+                  std::vector<std::uint8_t>& bitmap) {
     const std::vector<std::uint8_t> root = readRootDirectoryStart(volume, boot);
     const LeView view(root.data(), root.size());
     for (std::size_t offset = 0; view.has(offset, exfatEntry::kSize); offset += exfatEntry::kSize) {
@@ -133,12 +114,14 @@ DWORD exfatFreeClusters(const ByteSource& volume, const BootSector& boot,
             continue;
         const std::uint32_t cluster = view.u32(offset + exfatEntry::kBitmapFirstCluster);
         const std::uint64_t length = view.u64(offset + exfatEntry::kBitmapLength);
-        if (cluster < 2 || length < (boot.totalClusters + 7) / 8)
+        const std::uint64_t needed = (boot.totalClusters + 7) / 8;
+        if (cluster < 2 || length < needed || needed > kMaxBitmapBytes)
             return ERROR_DISK_CORRUPT;
         const std::uint64_t start =
             (boot.firstDataSector + std::uint64_t{cluster - 2} * boot.sectorsPerCluster) *
             boot.bytesPerSector;
-        return countZeroBits(volume, start, boot.totalClusters, freeClusters);
+        bitmap.assign(static_cast<std::size_t>(needed), 0);
+        return volume.readExactly(start, bitmap.data(), bitmap.size());
     }
     return ERROR_DISK_CORRUPT;
 }
@@ -164,29 +147,44 @@ std::u16string fatVolumeLabel(const ByteSource& volume, const BootSector& boot) 
     return boot.kind == FileSystemKind::ExFat ? exfatLabel(root) : classicLabel(root);
 }
 
-DWORD fatFreeClusters(const ByteSource& volume, const BootSector& boot,
-                      std::uint64_t& freeClusters) {
+DWORD fatAllocationBitmap(const ByteSource& volume, const BootSector& boot,
+                          std::vector<std::uint8_t>& bitmap) {
     if (boot.kind == FileSystemKind::ExFat)
-        return exfatFreeClusters(volume, boot, freeClusters);
+        return exfatBitmap(volume, boot, bitmap);
     // A FAT32 FAT can reach 1 GiB on paper; real ones are far smaller, and
     // anything above this cap is refused rather than allocated.
     constexpr std::uint64_t kMaxFatBytes = 256u << 20;
     const std::uint64_t fatBytes = std::uint64_t{boot.sectorsPerFat} * boot.bytesPerSector;
-    if (fatBytes > kMaxFatBytes)
+    if (fatBytes > kMaxFatBytes || (boot.totalClusters + 7) / 8 > kMaxBitmapBytes)
         return ERROR_NOT_ENOUGH_MEMORY;
     std::vector<std::uint8_t> fat(static_cast<std::size_t>(fatBytes));
-    if (const DWORD error = volume.readExactly(std::uint64_t{boot.reservedSectors} * boot.bytesPerSector,
-                                               fat.data(), fat.size()))
+    if (const DWORD error = volume.readExactly(
+            std::uint64_t{boot.reservedSectors} * boot.bytesPerSector, fat.data(), fat.size()))
         return error;
     const LeView view(fat.data(), fat.size());
-    std::uint64_t free = 0;
-    for (std::uint64_t cluster = 2; cluster < boot.totalClusters + 2; ++cluster) {
-        if (fatEntryValue(view, boot.kind, cluster) == 0)
-            ++free;
+    bitmap.assign(static_cast<std::size_t>((boot.totalClusters + 7) / 8), 0);
+    for (std::uint64_t index = 0; index < boot.totalClusters; ++index) {
+        if (fatEntryValue(view, boot.kind, index + 2) != 0)
+            bitmap[static_cast<std::size_t>(index / 8)] |= static_cast<std::uint8_t>(1u << (index % 8));
     }
-    if (!view.ok())
-        return ERROR_DISK_CORRUPT;
-    freeClusters = free;
+    // A FAT shorter than its cluster count says is damage, not free space.
+    return view.ok() ? 0 : static_cast<DWORD>(ERROR_DISK_CORRUPT);
+}
+
+DWORD fatFreeClusters(const ByteSource& volume, const BootSector& boot,
+                      std::uint64_t& freeClusters) {
+    std::vector<std::uint8_t> bitmap;
+    if (const DWORD error = fatAllocationBitmap(volume, boot, bitmap))
+        return error;
+    std::uint64_t used = 0;
+    for (std::uint8_t byte : bitmap)
+        used += static_cast<std::uint64_t>(std::popcount(byte));
+    // exFAT bitmaps may have stray bits past the last cluster.
+    if (boot.totalClusters % 8 != 0 && !bitmap.empty()) {
+        const std::uint8_t tail = bitmap.back() >> (boot.totalClusters % 8);
+        used -= static_cast<std::uint64_t>(std::popcount(tail));
+    }
+    freeClusters = boot.totalClusters - std::min(used, boot.totalClusters);
     return 0;
 }
 

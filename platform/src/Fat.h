@@ -9,6 +9,7 @@
 
 #include <cstdint>
 #include <string>
+#include <vector>
 
 namespace kestrow::platform::disk {
 
@@ -16,8 +17,14 @@ namespace kestrow::platform::disk {
 // (first cluster of the root directory only), empty when there is none.
 std::u16string fatVolumeLabel(const ByteSource& volume, const BootSector& boot);
 
-// Free clusters counted in the FAT (FAT12/16/32) or in the allocation
-// bitmap (exFAT, whose bitmap must be contiguous). 0 or a Windows error.
+// The allocation bitmap as Windows reports it for FAT volumes: bit i for
+// data cluster i + 2, set when the cluster is in use. Built from the FAT
+// (FAT12/16/32) or read from the allocation bitmap (exFAT, whose bitmap
+// must be contiguous). 0 or a Windows error.
+DWORD fatAllocationBitmap(const ByteSource& volume, const BootSector& boot,
+                          std::vector<std::uint8_t>& bitmap);
+
+// Free clusters: the clear bits of that bitmap.
 DWORD fatFreeClusters(const ByteSource& volume, const BootSector& boot,
                       std::uint64_t& freeClusters);
 
