@@ -79,6 +79,10 @@ public:
                           std::size_t chunk);
     void addNamedStream(std::string_view path, std::string_view streamName,
                         std::string_view content);
+    // Gives the file an $ATTRIBUTE_LIST (resident) and moves its unnamed
+    // $DATA attribute into an extension record; the base record then holds
+    // no $DATA at all.
+    void moveDataToExtensionRecord(std::string_view path);
     void addHardLink(std::string_view existing, std::string_view newPath);
     // Adds the 8.3 name `shortName` (the long name becomes a WIN32 name).
     void setShortName(std::string_view path, std::string_view shortName);

@@ -1,7 +1,7 @@
 #include "ImageBuilder.h"
 
-#include "support/Fixtures.h"
 #include "NtfsLibrary.h"
+#include "support/Fixtures.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -280,6 +280,30 @@ void NtfsWriter::writeInterleaved(std::string_view first,
             writeAll(b.data, at,
                      secondContent.subspan(at, std::min(chunk, secondContent.size() - at)), second);
     }
+}
+
+void NtfsWriter::moveDataToExtensionRecord(std::string_view path) {
+    ntfs_inode* inode = openPath(path);
+    auto closeAndFail = [&](std::string_view what) {
+        const int error = errno;
+        ntfs_inode_close(inode);
+        errno = error;
+        fail(what, path);
+    };
+    if (!NInoAttrList(inode) && ntfs_inode_add_attrlist(inode) != 0)
+        closeAndFail("ntfs_inode_add_attrlist");
+    ntfs_attr_search_ctx* context = ntfs_attr_get_search_ctx(inode, nullptr);
+    if (!context)
+        closeAndFail("ntfs_attr_get_search_ctx");
+    const bool moved =
+        ntfs_attr_lookup(AT_DATA, AT_UNNAMED, 0, CASE_SENSITIVE, 0, nullptr, 0, context) == 0 &&
+        ntfs_attr_record_move_away(context, 0) == 0;
+    ntfs_attr_put_search_ctx(context);
+    if (!moved)
+        closeAndFail("moving $DATA out of the base record of");
+    ntfs_inode_mark_dirty(inode);
+    if (ntfs_inode_close(inode) != 0)
+        fail("ntfs_inode_close", path);
 }
 
 void NtfsWriter::addNamedStream(std::string_view path, std::string_view streamName,

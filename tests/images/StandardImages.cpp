@@ -197,6 +197,9 @@ void buildRichVolume(const ImageFacts& facts, const std::filesystem::path& image
     for (int i = 1; i < kHardLinkCount; ++i)
         writer.addHardLink(kHardLinkTarget, hardLinkName(i));
 
+    writer.makeFile(kDataElsewherePath, patternBytes(kDataElsewhereSeed, 0, kDataElsewhereSize));
+    writer.moveDataToExtensionRecord(kDataElsewherePath);
+
     writer.makeTextFile(kStreamsPath, kStreamsText);
     for (int i = 0; i < kStreamCount; ++i)
         writer.addNamedStream(kStreamsPath, streamName(i), streamContent(i));

@@ -4,8 +4,8 @@
 // the same tree (a fixed random seed).
 #include "ImageBuilder.h"
 
-#include "support/Fixtures.h"
 #include "NtfsLibrary.h"
+#include "support/Fixtures.h"
 
 #include <algorithm>
 #include <chrono>

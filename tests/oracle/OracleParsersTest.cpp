@@ -130,11 +130,16 @@ TEST(IstatParser, ReadsExtensionAndUnallocatedRecords) {
     EXPECT_EQ(extension.attributes[0].name, "stream-21");
 }
 
-TEST(IstatParser, NonSparseZeroClusterIsARealCluster) {
+TEST(IstatParser, ZeroClustersAreHolesExceptAtTheStartOfBoot) {
     IstatAttribute boot;
     boot.clusters = {0, 1, 2};
-    const std::vector<ClusterRun> expected = {{0, 3, false}};
-    EXPECT_EQ(boot.runs(), expected);
+    const std::vector<ClusterRun> bootRuns = {{0, 3, false}};
+    EXPECT_EQ(boot.runs(), bootRuns);
+    // Allocated past the data size: istat prints zeros there.
+    IstatAttribute mft;
+    mft.clusters = {4, 5, 1268, 0, 0, 0};
+    const std::vector<ClusterRun> mftRuns = {{4, 2, false}, {1268, 1, false}, {0, 3, true}};
+    EXPECT_EQ(mft.runs(), mftRuns);
 }
 
 TEST(IstatParser, RejectsGarbage) {
@@ -230,12 +235,17 @@ TEST(NtfsinfoParser, ReadsRunListsWithHolesAndNamespaces) {
                             "\tParent directory:\t 76 (0x4c)\n"
                             "\tNamespace:\t\t Win32\n"
                             "\tFilename:\t\t 'It's: a name'\n"
-                            "Dumping attribute $DATA (0x80) from mft record 77 (0x4d)\n"
+                            "Dumping attribute $DATA (0x80) from mft record 90 (0x5a)\n"
                             "\tRunlist:\tVCN\t\tLCN\t\tLength\n"
                             "\t\t\t0x0\t\t0x2a03\t\t0x2\n"
                             "\t\t\t0x2\t\t<HOLE>\t\t0xffe\n"
                             "\t\t\t0x1000\t\t0x769\t\t0x2\n"
                             "End of inode reached\n");
+    ASSERT_EQ(record.attributes.size(), 2u);
+    EXPECT_EQ(record.attributes[0].typeName, "$FILE_NAME");
+    EXPECT_EQ(record.attributes[0].record, 77u);
+    EXPECT_EQ(record.attributes[1].typeName, "$DATA");
+    EXPECT_EQ(record.attributes[1].record, 90u);
     ASSERT_EQ(record.fileNames.size(), 1u);
     EXPECT_EQ(record.fileNames[0].name, "It's: a name");
     EXPECT_EQ(record.fileNames[0].nameSpace, "Win32");

@@ -45,9 +45,10 @@
 //                    namespace below: an INDX-heavy directory, long names with
 //                    8.3 short names, non-ASCII names, fragmented and sparse
 //                    files, files whose attributes overflow into extension
-//                    records ($ATTRIBUTE_LIST), a deep path, hard links, named
-//                    streams, deleted files and directories, and an $MFT whose
-//                    $DATA has several runs.
+//                    records ($ATTRIBUTE_LIST, resident and non-resident), a
+//                    file whose $DATA is only in an extension record, a deep path, hard links,
+//                    named streams, deleted files and directories, and an $MFT whose $DATA has
+//                    several runs.
 //
 // kSmallTree (on every image but bare.img):
 //   Readme.txt            resident text, kReadmeText
@@ -232,6 +233,14 @@ inline constexpr std::string_view kStreamsText = "main stream\n";
 inline constexpr int kStreamCount = 30;
 std::string streamName(int i);    // "stream-00" ...
 std::string streamContent(int i); // resident text of stream i
+
+// A file whose base record holds a small resident $ATTRIBUTE_LIST and no
+// $DATA: its unnamed $DATA (non-resident, kDataElsewhereSize bytes of pattern
+// kDataElsewhereSeed) lives in an extension record, so the base record alone
+// says "data size 0".
+inline constexpr std::string_view kDataElsewherePath = "AttrList/data-elsewhere.bin";
+inline constexpr std::uint64_t kDataElsewhereSize = 10000;
+inline constexpr std::uint32_t kDataElsewhereSeed = 0x5EED0007;
 
 // A chain of kDeepLevels nested directories ending in kDeepFileName.
 inline constexpr int kDeepLevels = 12;

@@ -261,10 +261,12 @@ std::vector<FlsEntry> listFiles(const std::filesystem::path& image, std::uint64_
 
 std::vector<ClusterRun> IstatAttribute::runs() const {
     std::vector<ClusterRun> result;
-    for (const std::uint64_t cluster : clusters) {
-        // istat prints 0 for a cluster of a sparse run; cluster 0 itself only
-        // ever belongs to $Boot, which is not sparse.
-        const bool hole = sparse && cluster == 0;
+    for (std::size_t i = 0; i < clusters.size(); ++i) {
+        const std::uint64_t cluster = clusters[i];
+        // istat prints 0 for a cluster of a sparse run and for allocated
+        // clusters past the data size. Cluster 0 itself only ever starts
+        // $Boot's data, which is not sparse.
+        const bool hole = cluster == 0 && (sparse || i != 0);
         if (!result.empty()) {
             auto& last = result.back();
             if (hole && last.sparse) {
@@ -748,9 +750,16 @@ NtfsinfoRecord parseNtfsinfoRecord(std::string_view text) {
     NtfsinfoFileName pending;
     for (auto line : splitLines(text)) {
         const auto trimmed = trim(line);
-        if (trimmed.starts_with("Dumping attribute ")) {
+        // (-v also prints a "Dumping attribute list:" heading inside an
+        // $ATTRIBUTE_LIST's dump; it names no record and is not an attribute.)
+        if (trimmed.starts_with("Dumping attribute ") &&
+            trimmed.find(" from mft record ") != std::string_view::npos) {
+            // "Dumping attribute $DATA (0x80) from mft record 90 (0x5a)"
             const auto name = trimmed.substr(18);
             attribute = std::string(name.substr(0, name.find(' ')));
+            const auto from = name.find("from mft record ");
+            record.attributes.push_back(
+                {attribute, leadingNumber(name.substr(from + 16), "ntfsinfo record number")});
             inRunList = false;
             continue;
         }

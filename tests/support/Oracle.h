@@ -71,8 +71,9 @@ std::vector<FlsEntry> parseFls(std::string_view text);
 
 // ---- istat ---------------------------------------------------------------------
 
-// One run of an attribute's clusters (volume clusters); `sparse` runs have no
-// clusters on disk.
+// One run of an attribute's clusters (volume clusters). A `sparse` run is
+// one istat shows no cluster numbers for: a hole of a sparse attribute, or
+// clusters allocated past the data size (istat prints 0 for both).
 struct ClusterRun {
     std::uint64_t firstCluster = 0;
     std::uint64_t count = 0;
@@ -255,7 +256,13 @@ struct NtfsinfoFileName {
     std::uint64_t parent = 0;
 };
 
+struct NtfsinfoAttribute {
+    std::string typeName; // "$DATA"
+    std::uint64_t record; // the MFT record that holds it (base or extension)
+};
+
 struct NtfsinfoRecord {
+    std::vector<NtfsinfoAttribute> attributes; // in the order ntfsinfo dumps them
     std::vector<NtfsinfoFileName> fileNames;
     // Run lists of the non-resident attributes, by attribute type name
     // ("$DATA"), in the order ntfsinfo dumps them.
