@@ -532,6 +532,42 @@ TEST(ToolFailures, ANotNtfsImageIsNotAVolume) {
         << result.err;
 }
 
+// A copy of an image whose Readme.txt record names a parent far beyond the
+// MFT: the library's index check fails while building the directory index.
+TEST(ToolFailures, DamagedParentReferenceEndsInOneLineNotACrash) {
+    const FixtureImage which = FixtureImage::Cluster64k;
+    kestrow::test::ScratchImage scratch(kestrow::test::imagePath(which));
+    const auto fsstat = oracle::fileSystemStats(scratch.path());
+    const auto inode = oracle::findInode(scratch.path(), kestrow::test::kReadmePath);
+    ASSERT_TRUE(inode.has_value());
+    const std::uint64_t record =
+        fsstat.firstMftCluster * fsstat.clusterSize + *inode * fsstat.mftEntrySize;
+    // Walk the attributes to the $FILE_NAME; its value starts with the parent.
+    const auto bytes = scratch.read(record, fsstat.mftEntrySize);
+    auto le16 = [&](std::size_t at) { return bytes[at] | (bytes[at + 1] << 8); };
+    auto le32 = [&](std::size_t at) {
+        return static_cast<std::uint32_t>(le16(at)) |
+               (static_cast<std::uint32_t>(le16(at + 2)) << 16);
+    };
+    std::size_t at = le16(0x14);
+    while (at + 0x18 < bytes.size() && le32(at) != 0x30 && le32(at) != 0xFFFFFFFF)
+        at += le32(at + 4);
+    ASSERT_EQ(le32(at), 0x30u);
+    scratch.patchLe64(record + at + le16(at + 0x14), 0x0001000000007FFFull);
+
+    const auto result = kestrow(scratch.path(), {"ls", "C:", "/"});
+    EXPECT_EQ(result.exitCode, 1);
+    EXPECT_NE(result.err.find("kestrow: the library stopped on a failed internal check (code 7)"),
+              std::string::npos)
+        << result.err;
+    EXPECT_NE(result.err.find("index < size()"), std::string::npos) << result.err;
+    EXPECT_EQ(std::count(result.err.begin(), result.err.end(), '\n'), 1) << result.err;
+    // Paths are walked through the table and the disk only: the broken walk
+    // yields the name alone, and nothing fails.
+    const auto paths = kestrowOk(scratch.path(), {"paths", "C:"});
+    EXPECT_NE(paths.out.find("\nReadme.txt\n"), std::string::npos) << paths.out;
+}
+
 TEST(ToolHelp, EveryCommandHasHelp) {
     for (const std::string command : {"volumes", "info", "record", "ls", "paths", "find", "owner",
                                       "extents", "dump", "bitmap"}) {
