@@ -128,8 +128,12 @@ bool seekTo(VolumeHandle& handle, unsigned long long offset) {
 }
 
 bool readInto(VolumeHandle& handle, void* data, DWORD byteCount) {
+    // An empty read still names a real address: an empty buffer has none,
+    // and an implementation may copy through the pointer whatever the count.
+    unsigned char nowhere = 0;
     DWORD bytesRead = 0;
-    return platform::ReadFile(handle.get(), data, byteCount, &bytesRead, nullptr) != FALSE;
+    return platform::ReadFile(handle.get(), data != nullptr ? data : &nowhere, byteCount,
+                              &bytesRead, nullptr) != FALSE;
 }
 
 // The header line of a sector dump.
@@ -202,16 +206,16 @@ Volume::Volume(char driveLetter)
                     orv::LoggerStream() << "80 "
                                         << "Getting free disk space for " << rootPath);
 
-    // The call fills the low 32 bits of the two cluster counts; they were
-    // zeroed above, so the 32-bit answers are taken over as they are.
-    // DWORD is unsigned long on Windows, so the answers land in DWORDs first.
+    // The answers are 32-bit (DWORD, unsigned long on Windows) and land in
+    // DWORDs first; the two cluster counts, zeroed above, take them as their
+    // low 32 bits.
     DWORD sectorsPerCluster = m_sectorsPerCluster;
     DWORD bytesPerSector = m_bytesPerSector;
     DWORD freeClusters = 0;
     DWORD totalClusters = 0;
     const BOOL haveSpace =
-        platform::GetDiskFreeSpaceW(rootPath.getUCS2Buffer(), &sectorsPerCluster,
-                                    &bytesPerSector, &freeClusters, &totalClusters);
+        platform::GetDiskFreeSpaceW(rootPath.getUCS2Buffer(), &sectorsPerCluster, &bytesPerSector,
+                                    &freeClusters, &totalClusters);
     m_sectorsPerCluster = sectorsPerCluster;
     m_bytesPerSector = bytesPerSector;
     m_freeClusters = freeClusters;
