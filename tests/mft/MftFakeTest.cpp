@@ -11,8 +11,23 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <cstdio>
+#include <cstdlib>
 #include <memory>
 #include <string>
+
+#if defined(__linux__)
+#include <sys/resource.h>
+#endif
+
+// Address-space limits and AddressSanitizer's shadow memory do not mix.
+#if defined(__SANITIZE_ADDRESS__)
+#define KESTROW_TEST_UNDER_ASAN 1
+#elif defined(__has_feature)
+#if __has_feature(address_sanitizer)
+#define KESTROW_TEST_UNDER_ASAN 1
+#endif
+#endif
 
 using kestrow::test::FakePlatform;
 using kestrow::test::LogCapture;
@@ -191,6 +206,48 @@ TEST(MftBufferSizing, ASizeBelowOneRecordEndsUninitialisedWithoutReading) {
     EXPECT_FALSE(opened.table().getValidMftRecord(FileReference(3, 0), record));
     EXPECT_FALSE(opened.table().buildRecordMap());
 }
+
+#if defined(__linux__) && !defined(KESTROW_TEST_UNDER_ASAN)
+namespace {
+
+unsigned long long addressSpaceInUse() {
+    unsigned long long pages = 0;
+    if (FILE* statm = std::fopen("/proc/self/statm", "r")) {
+        if (std::fscanf(statm, "%llu", &pages) != 1)
+            pages = 0;
+        std::fclose(statm);
+    }
+    return pages * 4096;
+}
+
+// Runs in the death test's child: the address-space limit stays there.
+bool sizingHalvesUnderAnAddressLimit() {
+    FakeMftDrive drive(oneRunGeometry(600 * MiB / 4096));
+    LogCapture log;
+    // Room for 300 MiB more: the 500 MiB buffer cannot be had, 250 MiB can.
+    const rlim_t limit = addressSpaceInUse() + 300 * MiB;
+    rlimit addressSpace;
+    addressSpace.rlim_cur = limit;
+    addressSpace.rlim_max = limit;
+    if (setrlimit(RLIMIT_AS, &addressSpace) != 0)
+        return false;
+    OpenedTable opened(drive);
+    return opened.table().initialized() &&
+           log.countStartingWith("593 Failed to initialize ByteBuffer - buffer too large") == 1 &&
+           log.contains("588 Limiting max buffer size to 524288000") &&
+           log.contains("588 Limiting max buffer size to 262144000") &&
+           log.contains("602 m_buffer.maxBufferSize: 262144000") &&
+           drive.fake().reads().size() == 1;
+}
+
+} // namespace
+
+TEST(MftBufferSizingDeathTest, AnAllocationFailureHalvesTheSize) {
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    EXPECT_EXIT(std::_Exit(sizingHalvesUnderAnAddressLimit() ? 0 : 1), ::testing::ExitedWithCode(0),
+                "");
+}
+#endif
 
 // ---- Opening failures ------------------------------------------------------------------
 
@@ -580,6 +637,47 @@ TEST(MftCopies, ACopyMovesItsBufferedRangeOnItsOwn) {
     EXPECT_EQ(drive.fake().reads().size(), reads);
     EXPECT_TRUE(opened.table().getRecordHashTable().contains(10));
     EXPECT_FALSE(copy.getRecordHashTable().contains(10));
+}
+
+TEST(MftCopies, ABuildKeepsTheFirstSummaries) {
+    FakeMftDrive drive(oneRunGeometry(625));              // 2500 records
+    drive.fake().setAvailablePhysicalMemory(2 * 1024000); // a 1000-record buffer
+    RecordSpec spec;
+    spec.name = u"first";
+    drive.writeRecord(10, spec);
+    OpenedTable opened(drive);
+    MasterFileTable& table = opened.table();
+    ASSERT_TRUE(table.buildRecordMap());
+    ASSERT_EQ(table.getRecordHashTable().size(), 1u);
+
+    spec.name = u"second";
+    drive.writeRecord(10, spec);
+    spec.name = u"new";
+    drive.writeRecord(20, spec);
+    const std::size_t reads = drive.fake().reads().size();
+    ASSERT_TRUE(table.buildRecordMap());
+    EXPECT_GT(drive.fake().reads().size(), reads) << "the second build reads the disk again";
+    EXPECT_EQ(table.getRecordHashTable().size(), 2u);
+    EXPECT_EQ(utf8(table.getRecordHashTable()[10].name), "first");
+    EXPECT_EQ(utf8(table.getRecordHashTable()[20].name), "new");
+}
+
+TEST(MftRecordReaders, RawReadsAtADriveSector) {
+    FakeMftDrive drive(oneRunGeometry(64));
+    drive.writeBytes(3 * 512, {0x4B, 0x45, 0x53, 0x54});
+    OpenedTable opened(drive);
+    MasterFileTable& table = opened.table();
+    orv::Buffer<unsigned char> buffer;
+    buffer.resize(1024);
+    ASSERT_TRUE(table.getDataAtSector(3, 1024, buffer));
+    EXPECT_EQ(std::string(reinterpret_cast<const char*>(buffer.data()), 4), "KEST");
+    EXPECT_EQ(drive.fake().reads().back(), std::make_pair(std::uint64_t(3 * 512), 1024u));
+    // A buffer too small for the read is refused before anything is read.
+    const std::size_t reads = drive.fake().reads().size();
+    orv::Buffer<unsigned char> small;
+    small.resize(512);
+    EXPECT_FALSE(table.getDataAtSector(3, 1024, small));
+    EXPECT_EQ(drive.fake().reads().size(), reads);
 }
 
 // ---- Paths on a hand-built tree -----------------------------------------------------------

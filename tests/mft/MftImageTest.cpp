@@ -549,3 +549,89 @@ TEST(MftHostileImage, ParentLoopsReturnFromEveryWalk) {
     EXPECT_EQ(utf8(table.findParentPath(FileReference(*facts.slotOf(*readme), 0))),
               "\\\\.\\C:\\Readme.txt");
 }
+
+// ---- Deleted records, phantom slots, index blocks ------------------------------------------
+
+TEST(MftRichImage, DeletedRecordsHaveNoPathAndNoEntry) {
+    const fs::path image = kestrow::test::richVolume();
+    if (!fs::exists(image))
+        GTEST_SKIP() << "fixture image missing";
+    const MftFacts& facts = cachedFacts(FixtureImage::Rich);
+    OpenedImage opened(image);
+    ASSERT_TRUE(opened.table.initialized());
+    ASSERT_TRUE(opened.table.buildRecordMap());
+
+    std::size_t deleted = 0;
+    for (const oracle::FlsEntry& entry :
+         oracle::listFiles(image, 0, oracle::FlsSelection::DeletedOnly)) {
+        if (entry.path.starts_with("$OrphanFiles") || entry.reallocated)
+            continue;
+        const std::string istat =
+            oracle::runToolChecked({"istat", image.string(), std::to_string(entry.inode)});
+        if (istat.find("\nNot Allocated ") == std::string::npos)
+            continue; // the record was reused
+        const std::uint64_t slot = *facts.slotOf(entry.inode);
+        EXPECT_FALSE(opened.table.getRecordHashTable().contains(slot)) << entry.path;
+        EXPECT_EQ(utf8(opened.table.findParentPath(FileReference(slot, 0))), "") << entry.path;
+        FileRecord record;
+        EXPECT_FALSE(opened.table.getValidMftRecord(FileReference(slot, 0), record));
+        orv::Array<FileRecord> found;
+        EXPECT_TRUE(opened.table.findMftRecordsByPath(
+            orv::String::fromUtf8(VOLUME_PATH + kestrow::test::windowsPath(entry.path)), found));
+        EXPECT_EQ(found.size(), 0u) << entry.path;
+        ++deleted;
+    }
+    EXPECT_GE(deleted, 4u) << "the rich image deletes a file, a directory and its child";
+}
+
+TEST(MftRichImage, PostProcessingListsTheIndexBlockChildren) {
+    const fs::path image = kestrow::test::richVolume();
+    if (!fs::exists(image))
+        GTEST_SKIP() << "fixture image missing";
+    const MftFacts& facts = cachedFacts(FixtureImage::Rich);
+    const auto big = oracle::findInode(image, kestrow::test::rich::kBigDir);
+    ASSERT_TRUE(big.has_value());
+    std::set<std::uint64_t> children;
+    for (const oracle::FlsEntry& entry :
+         oracle::listFiles(image, 0, oracle::FlsSelection::AllocatedOnly))
+        if (entry.path.starts_with(std::string(kestrow::test::rich::kBigDir) + "/") &&
+            entry.streamName().empty())
+            children.insert(entry.inode);
+    ASSERT_EQ(children.size(), static_cast<std::size_t>(kestrow::test::rich::kBigDirEntries));
+
+    OpenedImage opened(image);
+    ASSERT_TRUE(opened.table.initialized());
+    FileRecord directory;
+    ASSERT_TRUE(opened.table.getValidMftRecord(FileReference(*facts.slotOf(*big), 0), directory));
+    const std::size_t fromRoot = directory.getIndexEntries().size();
+    opened.table.postProcessFileRecord(directory);
+    const orv::Array<unsigned long long>& entries = directory.getIndexEntries();
+    EXPECT_GT(entries.size(), fromRoot) << "the index blocks add children";
+    std::size_t known = 0;
+    for (const unsigned long long entry : entries)
+        known += children.count(entry);
+    // Every entry names a child; the unapplied fix-ups may end a block's walk
+    // early, so only most children need to be found.
+    EXPECT_EQ(known, entries.size());
+    EXPECT_GE(known * 10, children.size() * 9) << known << " of " << children.size();
+}
+
+TEST(MftSector4kImage, EachRunEndsInAPhantomSlot) {
+    const fs::path image = kestrow::test::sector4kVolume();
+    if (!fs::exists(image))
+        GTEST_SKIP() << "fixture image missing";
+    const MftFacts& facts = cachedFacts(FixtureImage::Sector4k);
+    std::uint64_t real = 0;
+    for (const MftFacts::Slots& s : facts.slots)
+        real += s.realCount;
+    ASSERT_EQ(facts.bytesPerRecord, 4096u);
+    OpenedImage opened(image);
+    ASSERT_TRUE(opened.table.initialized());
+    unsigned long long count = 0;
+    ASSERT_TRUE(opened.table.getNumMftRecords(count));
+    EXPECT_EQ(count, real + facts.slots.size());
+    // The phantom slot reads whatever follows the run; the map is built all
+    // the same, and the last real record keeps its own index.
+    ASSERT_TRUE(opened.table.buildRecordMap());
+    EXPECT_EQ(utf8(opened.table.findParentPath(FileReference::ROOT_MFT_RECORD())), ".");
+}
