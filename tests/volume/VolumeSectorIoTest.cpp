@@ -48,16 +48,6 @@ TEST_F(ReadBytesFromSector, ReadsAtTheVolumesSectorSize) {
     EXPECT_TRUE(volumeLines().empty());
 }
 
-TEST_F(ReadBytesFromSector, ReadsIntoACallersArea) {
-    Volume volume('C');
-    VolumeHandle drive = openDevice("\\\\.\\PhysicalDrive0");
-    unsigned char area[512] = {};
-    orv::Buffer<unsigned char> view(area, sizeof area);
-    ASSERT_TRUE(volume.readBytesFromSector(drive, 3, 512, view));
-    EXPECT_EQ(std::vector<std::uint8_t>(area, area + 512), diskBytes(3 * 512, 512));
-    EXPECT_EQ(view.data(), area);
-}
-
 TEST_F(ReadBytesFromSector, ZeroBytesSucceedsAndLeavesTheBufferAsItWas) {
     Volume volume('C');
     VolumeHandle drive = openDevice("\\\\.\\PhysicalDrive0");
