@@ -15,6 +15,8 @@
 #include <string>
 #include <vector>
 
+#include <unistd.h>
+
 namespace fs = std::filesystem;
 namespace oracle = kestrow::test::oracle;
 using kestrow::test::FixtureImage;
@@ -520,6 +522,22 @@ TEST(ToolFailures, DisksThatCannotBeAttached) {
         oracle::runTool({"env", "-u", "KESTROW_DISKS", KESTROW_TOOL_PATH, "info", "C:"});
     EXPECT_EQ(none.exitCode, 1);
     EXPECT_NE(none.err.find("no disks are attached"), std::string::npos) << none.err;
+}
+
+TEST(ToolFailures, AnUnreadableDiskSaysPermissionDenied) {
+    const fs::path unreadable = fs::temp_directory_path() / "kestrow-tool-unreadable.img";
+    fs::copy_file(kestrow::test::bareVolume(), unreadable, fs::copy_options::overwrite_existing);
+    fs::permissions(unreadable, fs::perms::none);
+    std::vector<std::string> argv = {KESTROW_TOOL_PATH, "--disk", unreadable.string(), "volumes"};
+    // Root reads everything: run as nobody then.
+    if (geteuid() == 0)
+        argv.insert(argv.begin(), {"setpriv", "--reuid=65534", "--regid=65534", "--clear-groups"});
+    const auto result = oracle::runTool(argv);
+    fs::remove(unreadable);
+    EXPECT_EQ(result.exitCode, 1) << result.err;
+    EXPECT_NE(result.err.find("Permission denied (reading a block device usually needs root)"),
+              std::string::npos)
+        << result.err;
 }
 
 TEST(ToolFailures, ANotNtfsImageIsNotAVolume) {

@@ -102,8 +102,11 @@ std::string Session::lastLibraryFailure() const {
 void Session::attachDisks() {
     std::string error;
     if (!m_options.disks.empty()) {
-        if (!platform::attachDisks(m_options.disks, error))
-            throw CommandError("cannot attach disk: " + error);
+        if (!platform::attachDisks(m_options.disks, error)) {
+            const bool denied = error.find("ermission denied") != std::string::npos;
+            throw CommandError("cannot attach disk: " + error +
+                               (denied ? " (reading a block device usually needs root)" : ""));
+        }
         return;
     }
     if (!platform::attachDisksFromEnvironment(error))
