@@ -115,7 +115,8 @@ DWORD exfatBitmap(const ByteSource& volume, const BootSector& boot,
         const std::uint32_t cluster = view.u32(offset + exfatEntry::kBitmapFirstCluster);
         const std::uint64_t length = view.u64(offset + exfatEntry::kBitmapLength);
         const std::uint64_t needed = (boot.totalClusters + 7) / 8;
-        if (cluster < 2 || length < needed || needed > kMaxBitmapBytes)
+        if (cluster < 2 || length < needed || needed > kMaxBitmapBytes ||
+            needed > volume.size())
             return ERROR_DISK_CORRUPT;
         const std::uint64_t start =
             (boot.firstDataSector + std::uint64_t{cluster - 2} * boot.sectorsPerCluster) *
@@ -157,6 +158,12 @@ DWORD fatAllocationBitmap(const ByteSource& volume, const BootSector& boot,
     const std::uint64_t fatBytes = std::uint64_t{boot.sectorsPerFat} * boot.bytesPerSector;
     if (fatBytes > kMaxFatBytes || (boot.totalClusters + 7) / 8 > kMaxBitmapBytes)
         return ERROR_NOT_ENOUGH_MEMORY;
+    // A FAT or a cluster count reaching past the volume is damage; refusing
+    // it also keeps the allocations below within the volume's own size.
+    const std::uint64_t sectors = volume.size() / boot.bytesPerSector;
+    if (std::uint64_t{boot.reservedSectors} + boot.sectorsPerFat > sectors ||
+        boot.firstDataSector + boot.totalClusters * boot.sectorsPerCluster > sectors)
+        return ERROR_DISK_CORRUPT;
     std::vector<std::uint8_t> fat(static_cast<std::size_t>(fatBytes));
     if (const DWORD error = volume.readExactly(
             std::uint64_t{boot.reservedSectors} * boot.bytesPerSector, fat.data(), fat.size()))

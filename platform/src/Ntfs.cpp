@@ -85,7 +85,7 @@ constexpr std::size_t kMaxAttributeListBytes = 4u << 20;
 constexpr std::size_t kMaxExtensionRecords = 4096;
 constexpr std::size_t kMaxResidentValue = 1u << 20;
 constexpr std::uint64_t kMaxIndexBlocks = 1u << 22;
-constexpr std::size_t kMaxMftBootstrapPasses = 64;
+constexpr std::size_t kMaxMftBootstrapPasses = 16;
 
 std::uint64_t signExtended(std::uint64_t raw, unsigned bytes) {
     if (bytes == 0 || bytes >= 8)
@@ -314,6 +314,13 @@ NtfsVolume::NtfsVolume(std::shared_ptr<const ByteSource> volume, const BootSecto
 
 std::shared_ptr<const NtfsVolume> NtfsVolume::mount(std::shared_ptr<const ByteSource> volume,
                                                     const BootSector& boot, std::string& error) {
+    // The driver refuses a boot sector that claims more than its partition
+    // holds; so does this reader, which also keeps every walk over clusters
+    // bounded by the bytes really there.
+    if (boot.totalSectors > volume->size() / boot.bytesPerSector) {
+        error = "the boot sector claims more sectors than the volume holds";
+        return nullptr;
+    }
     std::shared_ptr<NtfsVolume> ntfs(new NtfsVolume(std::move(volume), boot));
     if (ntfs->loadMftRuns(error) != 0)
         return nullptr;
@@ -608,7 +615,15 @@ DWORD NtfsVolume::findInDirectory(std::uint64_t directory, const std::u16string&
         if (readAttribute(*bitmap, 0, bitmapBytes.data(), bitmapBytes.size(), got) != 0)
             bitmapBytes.clear();
     }
-    const std::uint64_t blocks = std::min(allocation->dataSize / blockSize, kMaxIndexBlocks);
+    // Only blocks the runs map and the volume can hold are looked at.
+    const std::uint64_t mappedClusters =
+        allocation->runs.empty() ? 0
+                                 : allocation->runs.back().vcn + allocation->runs.back().length;
+    const std::uint64_t mapped =
+        std::min(mappedClusters, m_volume->size() / m_clusterSize + 1) * m_clusterSize / blockSize;
+    const std::uint64_t blocks =
+        std::min({allocation->dataSize / blockSize, mapped, m_volume->size() / blockSize,
+                  kMaxIndexBlocks});
     std::vector<std::uint8_t> block(blockSize);
     for (std::uint64_t b = 0; b < blocks; ++b) {
         // Blocks the bitmap marks free hold stale entries; without a bitmap

@@ -311,3 +311,14 @@ TEST_F(MiniVolume, AResidentValueClaimingMoreThanItsAttributeIsIgnored) {
 }
 
 } // namespace
+
+namespace {
+
+TEST_F(MiniVolume, ABootSectorClaimingMoreThanTheVolumeIsRefused) {
+    put64(image, 0x28, std::uint64_t{1} << 40);
+    std::string error;
+    EXPECT_EQ(mount(error), nullptr);
+    EXPECT_EQ(error, "the boot sector claims more sectors than the volume holds");
+}
+
+} // namespace
