@@ -9,6 +9,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <cstdlib>
 #include <cstring>
 #include <fstream>
 #include <map>
@@ -643,4 +644,39 @@ TEST(MftSector4kImage, EachRunEndsInAPhantomSlot) {
     // the same, and the last real record keeps its own index.
     ASSERT_TRUE(opened.table.buildRecordMap());
     EXPECT_EQ(utf8(opened.table.findParentPath(FileReference::ROOT_MFT_RECORD())), ".");
+}
+
+// ---- Attached through KESTROW_DISKS -----------------------------------------------------------
+
+namespace {
+
+// Runs in a fresh process: the variable is read by the first platform call.
+bool pathsThroughTheEnvironment(const fs::path& disk, unsigned long long expectedSlots,
+                                std::uint64_t readmeSlot) {
+#if defined(_WIN32)
+    _putenv_s("KESTROW_DISKS", disk.string().c_str());
+#else
+    setenv("KESTROW_DISKS", disk.string().c_str(), 1);
+#endif
+    Volume volume('C');
+    MasterFileTable table(volume);
+    unsigned long long count = 0;
+    return kestrow::platform::disksAttached() && table.initialized() &&
+           table.getNumMftRecords(count) && count == expectedSlots && table.buildRecordMap() &&
+           utf8(table.findParentPath(FileReference(readmeSlot, 0))) == "\\\\.\\C:\\Readme.txt";
+}
+
+} // namespace
+
+TEST(MftEnvironmentDeathTest, TheMbrDiskThroughKestrowDisks) {
+    const fs::path disk = kestrow::test::mbrDisk();
+    if (!fs::exists(disk))
+        GTEST_SKIP() << "fixture image missing";
+    const MftFacts& facts = cachedFacts(FixtureImage::MbrDisk);
+    const auto readme = oracle::findInode(disk, kestrow::test::kReadmePath, facts.sectorOffset);
+    ASSERT_TRUE(readme.has_value());
+    const std::uint64_t readmeSlot = *facts.slotOf(*readme);
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    EXPECT_EXIT(std::_Exit(pathsThroughTheEnvironment(disk, facts.slotTotal(), readmeSlot) ? 0 : 1),
+                ::testing::ExitedWithCode(0), "");
 }
