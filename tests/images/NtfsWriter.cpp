@@ -1,7 +1,7 @@
 #include "ImageBuilder.h"
 
 #include "NtfsLibrary.h"
-#include "support/Fixtures.h"
+#include "Fixtures.h"
 
 #include <algorithm>
 #include <cerrno>

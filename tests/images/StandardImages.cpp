@@ -2,7 +2,7 @@
 // named, in tests/support/Fixtures.h; this file only makes them.
 #include "ImageBuilder.h"
 
-#include "support/Fixtures.h"
+#include "Fixtures.h"
 
 #include <fstream>
 #include <iostream>
