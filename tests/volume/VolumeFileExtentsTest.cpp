@@ -57,7 +57,7 @@ TEST_F(FileExtents, OpensTheFileOnlyForTheControlRequest) {
     ASSERT_GE(fake.opens.size(), 1u);
     EXPECT_EQ(fake.opens[0].path, "\\\\.\\C:\\$MFT");
     EXPECT_EQ(fake.opens[0].access, 0u);
-    EXPECT_EQ(fake.opens[0].share, FILE_SHARE_READ | FILE_SHARE_WRITE);
+    EXPECT_EQ(fake.opens[0].share, static_cast<DWORD>(FILE_SHARE_READ | FILE_SHARE_WRITE));
     EXPECT_EQ(fake.opens[0].disposition, static_cast<DWORD>(OPEN_EXISTING));
     EXPECT_EQ(fake.opens[0].flags, 0x60000000u);
 
