@@ -10,7 +10,8 @@ packages=(
   ntfs-3g ntfs-3g-dev sleuthkit fdisk gdisk dosfstools
 )
 if [ "${KESTROW_WINDOWS:-0}" = 1 ]; then
-  packages+=(g++-mingw-w64-x86-64-posix wine64 binutils-mingw-w64-x86-64)
+  # The Windows cross build and Wine to run it (scripts/windows-ci.sh).
+  packages+=(g++-mingw-w64-x86-64-posix binutils-mingw-w64-x86-64 wine wine64)
 fi
 
 missing=()

@@ -272,4 +272,48 @@ TEST_F(Win32Path, LastErrorIsTheThreadsLastError) {
     EXPECT_EQ(platform::GetLastError(), static_cast<DWORD>(ERROR_INVALID_DRIVE));
 }
 
+// ---- Structured exceptions ------------------------------------------------------------
+
+// This program's own directory, with a trailing backslash.
+std::wstring ownDirectory() {
+    wchar_t self[MAX_PATH] = {};
+    const DWORD length = ::GetModuleFileNameW(nullptr, self, MAX_PATH);
+    std::wstring path(self, length);
+    path.erase(path.find_last_of(L"\\/") + 1);
+    return path;
+}
+
+// A failed foundation assertion raises a real structured exception with code
+// 7; nothing handles it, so Windows ends the process with that code.
+TEST_F(Win32Path, AFailedAssertionEndsTheProcessWithCodeSeven) {
+    std::wstring command = L"\"" + ownDirectory() + L"kestrow_raise_probe.exe\"";
+    STARTUPINFOW startup = {};
+    startup.cb = sizeof startup;
+    PROCESS_INFORMATION process = {};
+    ASSERT_TRUE(::CreateProcessW(nullptr, command.data(), nullptr, nullptr, FALSE, 0, nullptr,
+                                 nullptr, &startup, &process))
+        << "cannot start the probe: error " << ::GetLastError();
+    const DWORD waited = ::WaitForSingleObject(process.hProcess, 60 * 1000);
+    DWORD exitCode = 0;
+    const BOOL haveCode = ::GetExitCodeProcess(process.hProcess, &exitCode);
+    if (waited != WAIT_OBJECT_0)
+        ::TerminateProcess(process.hProcess, 1);
+    ::CloseHandle(process.hThread);
+    ::CloseHandle(process.hProcess);
+    ASSERT_EQ(waited, static_cast<DWORD>(WAIT_OBJECT_0)) << "the probe did not end";
+    ASSERT_TRUE(haveCode);
+    EXPECT_EQ(exitCode, 7u);
+}
+
+// The test programs themselves throw instead (ThrowingRaiseException.cpp).
+TEST_F(Win32Path, TestProgramsSeeTheRaiseAsAnException) {
+    try {
+        platform::RaiseException(7, 0, 0, nullptr);
+    } catch (const platform::StructuredException& e) {
+        EXPECT_EQ(e.code(), 7u);
+        return;
+    }
+    ADD_FAILURE() << "RaiseException returned";
+}
+
 } // namespace
