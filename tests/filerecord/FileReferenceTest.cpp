@@ -104,44 +104,4 @@ TEST(FileReference, ArithmeticIsPlainSixtyFourBit) {
     EXPECT_EQ(largest + 1, TWO_48); // not wrapped to 48 bits
 }
 
-TEST(FileReference, AssignmentCopiesBothFields) {
-    FileReference a(1, 1);
-    const FileReference b(77, 12);
-    a = b;
-    EXPECT_EQ(a.index, 77u);
-    EXPECT_EQ(a.sequence, 12u);
-    FileReference c(std::move(a));
-    EXPECT_EQ(c.sequence, 12u);
-}
-
-TEST(Summaries, DefaultsAndCopies) {
-    RecordSummary s;
-    EXPECT_EQ(s.mftIndex.index, 0u);
-    EXPECT_EQ(s.parentMftIndex.sequence, 0u);
-    EXPECT_TRUE(s.name.empty());
-    s.name = orv::String("a rather long file name.txt");
-    s.dataSize = 99;
-    s.parentMftIndex = FileReference(5, 5);
-    RecordSummary copy(s);
-    EXPECT_EQ(copy.name.toUtf8(), "a rather long file name.txt");
-    EXPECT_EQ(copy.dataSize, 99u);
-    RecordSummary moved(std::move(copy));
-    EXPECT_EQ(moved.name.toUtf8(), "a rather long file name.txt");
-    EXPECT_EQ(moved.parentMftIndex.sequence, 5u);
-
-    ClusterRange range(3, 400);
-    ClusterRange other;
-    other = range;
-    EXPECT_EQ(other.count, 3u);
-    EXPECT_EQ(other.start, 400u);
-
-    AttributeSummary attribute;
-    EXPECT_TRUE(attribute.name.empty());
-    attribute.name = orv::String("$DATA");
-    attribute.resident = true;
-    AttributeSummary attributeCopy = attribute;
-    EXPECT_EQ(attributeCopy.name.toUtf8(), "$DATA");
-    EXPECT_TRUE(attributeCopy.resident);
-}
-
 } // namespace
