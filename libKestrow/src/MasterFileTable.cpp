@@ -8,6 +8,7 @@
 
 #include <cstdint>
 #include <cstring>
+#include <memory>
 #include <new>
 #include <utility>
 
@@ -73,6 +74,8 @@ public:
     bool alreadyPassed(unsigned long long index) const {
         if (index == m_leafIndex)
             return true;
+        if (m_pieces.size() > LINEAR_SCAN_DEPTH)
+            return m_passed->contains(index);
         for (const Piece& piece : m_pieces)
             if (piece.index == index)
                 return true;
@@ -81,10 +84,10 @@ public:
 
     // "name\" in front of what has been gathered.
     void prefixName(unsigned long long index, const orv::String& name) {
-        m_pieces.append(Piece{index, &name});
+        pass(Piece{index, &name});
     }
     // The volume path (which ends in a separator) in front.
-    void prefixVolumePath(unsigned long long index) { m_pieces.append(Piece{index, nullptr}); }
+    void prefixVolumePath(unsigned long long index) { pass(Piece{index, nullptr}); }
 
     orv::String join(const orv::String& volumePath, const orv::String& leaf) const {
         unsigned int length = leaf.size();
@@ -110,8 +113,26 @@ private:
         unsigned long long index;
         const orv::String* name; // null: the volume path
     };
+
+    // Real paths are a few levels deep and a scan of the pieces is cheapest;
+    // a chain deeper than this (a hostile MFT can make one as long as it has
+    // records) is looked up in a set instead, so the guard stays linear.
+    static constexpr std::uint32_t LINEAR_SCAN_DEPTH = 64;
+
+    void pass(const Piece& piece) {
+        m_pieces.append(piece);
+        if (m_pieces.size() == LINEAR_SCAN_DEPTH + 1) {
+            m_passed = std::make_unique<orv::HashTable<unsigned long long, bool>>();
+            for (const Piece& passed : m_pieces)
+                m_passed->insert(passed.index, true);
+        } else if (m_pieces.size() > LINEAR_SCAN_DEPTH + 1) {
+            m_passed->insert(piece.index, true);
+        }
+    }
+
     unsigned long long m_leafIndex;
     orv::Array<Piece> m_pieces;
+    std::unique_ptr<orv::HashTable<unsigned long long, bool>> m_passed; // deep walks only
 };
 
 } // namespace

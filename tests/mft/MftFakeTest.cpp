@@ -759,6 +759,52 @@ TEST(MftPaths, ParentLoopsEndTheWalk) {
     EXPECT_EQ(records.size(), 0u);
 }
 
+TEST(MftPaths, DeepChainsAndDeepLoops) {
+    FakeMftDrive drive(oneRunGeometry(64)); // 256 slots
+    RecordSpec root;
+    root.name = u".";
+    root.parent = 5;
+    root.directory = true;
+    drive.writeRecord(5, root);
+    auto name = [](std::uint64_t index) { return "d" + std::to_string(index); };
+    // 20 <- 21 <- ... <- 119 under the root; 130 <- ... <- 229 <- 130 a loop.
+    for (std::uint64_t index = 20; index < 230; ++index) {
+        if (index >= 120 && index < 130)
+            continue;
+        RecordSpec spec;
+        spec.name = kestrow::test::utf8ToUtf16(name(index));
+        spec.directory = true;
+        spec.parent = index == 20 ? 5 : index == 130 ? 229 : index - 1;
+        drive.writeRecord(index, spec);
+    }
+    RecordSpec tail; // hangs off the loop without being part of it
+    tail.name = u"tail";
+    tail.parent = 229;
+    drive.writeRecord(240, tail);
+    OpenedTable opened(drive);
+    MasterFileTable& table = opened.table();
+    ASSERT_TRUE(table.buildRecordMap());
+
+    std::string expected = "\\\\.\\C:\\";
+    for (std::uint64_t index = 20; index < 120; ++index)
+        expected += name(index) + (index < 119 ? "\\" : "");
+    EXPECT_EQ(fullPath(table, 119), expected);
+
+    std::string loop;
+    for (std::uint64_t index = 130; index < 230; ++index)
+        loop += name(index) + (index < 229 ? "\\" : "");
+    EXPECT_EQ(fullPath(table, 229), loop);
+    std::string fromMiddle;
+    for (std::uint64_t index = 201; index < 230; ++index)
+        fromMiddle += name(index) + "\\";
+    for (std::uint64_t index = 130; index <= 200; ++index)
+        fromMiddle += name(index) + (index < 200 ? "\\" : "");
+    EXPECT_EQ(fullPath(table, 200), fromMiddle);
+    // The walk from outside meets 229 again a hundred levels up.
+    EXPECT_EQ(fullPath(table, 240), loop + "\\tail");
+    EXPECT_EQ(parentPath(table, 240), loop + "\\");
+}
+
 TEST(MftPaths, LookupByPath) {
     FakeMftDrive drive(oneRunGeometry(64));
     writeTree(drive);
