@@ -64,7 +64,8 @@ void backendReadFile(benchmark::State& state) {
         platform::SetFilePointerEx(disk, start, nullptr, FILE_BEGIN);
         for (std::size_t done = 0; done < kDiskBytes; done += chunk) {
             DWORD got = 0;
-            if (!platform::ReadFile(disk, buffer.data(), static_cast<DWORD>(chunk), &got, nullptr)) {
+            if (!platform::ReadFile(disk, buffer.data(), static_cast<DWORD>(chunk), &got,
+                                    nullptr)) {
                 state.SkipWithError("ReadFile failed");
                 break;
             }

@@ -12,7 +12,8 @@
 namespace disk = kestrow::platform::disk;
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
-    auto source = std::make_shared<disk::MemorySource>(std::vector<std::uint8_t>(data, data + size));
+    auto source =
+        std::make_shared<disk::MemorySource>(std::vector<std::uint8_t>(data, data + size));
     disk::DiskSet set;
     std::string error;
     if (!disk::buildDiskSet({source}, {"fuzz"}, {}, {}, set, error))

@@ -62,7 +62,9 @@ constexpr std::size_t kFatCount = 0x6E;
 constexpr std::uint16_t kBootSignature = 0xAA55;
 constexpr std::uint8_t kExtendedBootSignature = 0x29;
 
-bool isPowerOfTwo(std::uint64_t value) { return value != 0 && (value & (value - 1)) == 0; }
+bool isPowerOfTwo(std::uint64_t value) {
+    return value != 0 && (value & (value - 1)) == 0;
+}
 
 bool isSectorSize(std::uint32_t value) {
     return isPowerOfTwo(value) && value >= 256 && value <= 4096;
@@ -101,8 +103,7 @@ std::optional<BootSector> parseNtfs(const LeView& view) {
     boot.serialNumber = view.u64(ntfs::kSerial);
     if (!view.ok() || !isSectorSize(boot.bytesPerSector) || !isPowerOfTwo(boot.sectorsPerCluster))
         return std::nullopt;
-    const std::uint64_t clusterSize =
-        std::uint64_t{boot.bytesPerSector} * boot.sectorsPerCluster;
+    const std::uint64_t clusterSize = std::uint64_t{boot.bytesPerSector} * boot.sectorsPerCluster;
     if (clusterSize > (std::uint64_t{1} << 31))
         return std::nullopt;
     boot.bytesPerFileRecord = ntfsUnitSize(view.s8(ntfs::kClustersPerFileRecord),
@@ -164,8 +165,8 @@ std::optional<BootSector> parseFat(const LeView& view) {
 
     const std::uint64_t rootSectors =
         (std::uint64_t{boot.rootEntryCount} * 32 + boot.bytesPerSector - 1) / boot.bytesPerSector;
-    boot.firstDataSector = boot.reservedSectors +
-                           std::uint64_t{boot.fatCount} * boot.sectorsPerFat + rootSectors;
+    boot.firstDataSector =
+        boot.reservedSectors + std::uint64_t{boot.fatCount} * boot.sectorsPerFat + rootSectors;
     if (boot.firstDataSector >= boot.totalSectors)
         return std::nullopt;
     boot.totalClusters = (boot.totalSectors - boot.firstDataSector) / boot.sectorsPerCluster;

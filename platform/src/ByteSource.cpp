@@ -59,8 +59,8 @@ std::shared_ptr<HostFile> HostFile::open(const std::string& path, std::string& e
     HANDLE handle = ::CreateFileW(wide.c_str(), GENERIC_READ, FILE_SHARE_READ | FILE_SHARE_WRITE,
                                   nullptr, OPEN_EXISTING, FILE_ATTRIBUTE_NORMAL, nullptr);
     if (handle == INVALID_HANDLE_VALUE) {
-        error = "cannot open " + path + " for reading (error " + std::to_string(::GetLastError()) +
-                ")";
+        error =
+            "cannot open " + path + " for reading (error " + std::to_string(::GetLastError()) + ")";
         return nullptr;
     }
     std::shared_ptr<HostFile> file(new HostFile());

@@ -27,10 +27,9 @@ LONGLONG readInput64(const void* inBuffer) {
 
 } // namespace
 
-DWORD replyRetrievalPointers(const std::vector<RetrievalRun>& runs,
-                             std::uint64_t allocatedClusters, const void* inBuffer,
-                             DWORD inBufferSize, void* outBuffer, DWORD outBufferSize,
-                             DWORD* bytesReturned) {
+DWORD replyRetrievalPointers(const std::vector<RetrievalRun>& runs, std::uint64_t allocatedClusters,
+                             const void* inBuffer, DWORD inBufferSize, void* outBuffer,
+                             DWORD outBufferSize, DWORD* bytesReturned) {
     setReturned(bytesReturned, 0);
     if (inBuffer == nullptr || inBufferSize < sizeof(STARTING_VCN_INPUT_BUFFER))
         return ERROR_INVALID_PARAMETER;
@@ -90,8 +89,8 @@ DWORD replyVolumeBitmap(std::uint64_t totalClusters, BitmapReader readBitmap, vo
     std::memcpy(out + offsetof(VOLUME_BITMAP_BUFFER, StartingLcn), &startingLcn,
                 sizeof startingLcn);
     std::memcpy(out + offsetof(VOLUME_BITMAP_BUFFER, BitmapSize), &bitmapSize, sizeof bitmapSize);
-    if (const DWORD error =
-            readBitmap(context, static_cast<std::uint64_t>(startingLcn) / 8, out + kBitmapHeader, count))
+    if (const DWORD error = readBitmap(context, static_cast<std::uint64_t>(startingLcn) / 8,
+                                       out + kBitmapHeader, count))
         return error;
     // Bits past the last cluster in the last byte are not clusters.
     if (count == needed && clusters % 8 != 0)
@@ -123,13 +122,13 @@ DWORD replyDiskExtents(const std::vector<DiskExtentInfo>& extents, void* outBuff
         setReturned(bytesReturned, sizeof(VOLUME_DISK_EXTENTS));
         return ERROR_MORE_DATA;
     }
-    setReturned(bytesReturned,
-                std::max(sizeof(VOLUME_DISK_EXTENTS), kExtentsHeader + count * sizeof(DISK_EXTENT)));
+    setReturned(bytesReturned, std::max(sizeof(VOLUME_DISK_EXTENTS),
+                                        kExtentsHeader + count * sizeof(DISK_EXTENT)));
     return 0;
 }
 
-DWORD replyNtfsVolumeData(const NTFS_VOLUME_DATA_BUFFER& data, void* outBuffer,
-                          DWORD outBufferSize, DWORD* bytesReturned) {
+DWORD replyNtfsVolumeData(const NTFS_VOLUME_DATA_BUFFER& data, void* outBuffer, DWORD outBufferSize,
+                          DWORD* bytesReturned) {
     setReturned(bytesReturned, 0);
     if (outBuffer == nullptr || outBufferSize < sizeof(NTFS_VOLUME_DATA_BUFFER))
         return ERROR_INSUFFICIENT_BUFFER;

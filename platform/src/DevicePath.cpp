@@ -10,9 +10,13 @@ using Text = std::u16string;
 // \\?\ form at 32767 characters.
 constexpr std::size_t kMaxPath = 32767;
 
-bool isSeparator(char16_t c) { return c == u'\\' || c == u'/'; }
+bool isSeparator(char16_t c) {
+    return c == u'\\' || c == u'/';
+}
 
-bool isLetter(char16_t c) { return (c >= u'A' && c <= u'Z') || (c >= u'a' && c <= u'z'); }
+bool isLetter(char16_t c) {
+    return (c >= u'A' && c <= u'Z') || (c >= u'a' && c <= u'z');
+}
 
 char upperLetter(char16_t c) {
     return static_cast<char>(c >= u'a' && c <= u'z' ? c - (u'a' - u'A') : c);
@@ -80,7 +84,8 @@ bool splitComponents(const Text& rest, bool literal, DevicePath& out) {
         else
             current.push_back(c);
     }
-    out.trailingSeparator = !rest.empty() && (rest.back() == u'\\' || (!literal && rest.back() == u'/'));
+    out.trailingSeparator =
+        !rest.empty() && (rest.back() == u'\\' || (!literal && rest.back() == u'/'));
     if (!literal) {
         // Win32 drops trailing dots and blanks of the final name.
         while (!current.empty() && (current.back() == u'.' || current.back() == u' ') &&
@@ -130,7 +135,8 @@ DevicePath parseDriveForm(const Text& text, bool literal, bool deviceNamespace) 
 bool parsePhysicalDrive(const Text& text, std::uint32_t& number) {
     static const char16_t kPrefix[] = u"PHYSICALDRIVE";
     const std::size_t prefixLength = sizeof kPrefix / sizeof kPrefix[0] - 1;
-    if (text.size() <= prefixLength || !equalsAsciiNoCase(text.substr(0, prefixLength), "PhysicalDrive"))
+    if (text.size() <= prefixLength ||
+        !equalsAsciiNoCase(text.substr(0, prefixLength), "PhysicalDrive"))
         return false;
     std::uint64_t value = 0;
     for (std::size_t i = prefixLength; i < text.size(); ++i) {

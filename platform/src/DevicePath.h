@@ -13,16 +13,16 @@ namespace kestrow::platform::disk {
 
 struct DevicePath {
     enum class Kind {
-        Invalid,  // `error` says why
-        Disk,     // \\.\PhysicalDriveN
-        Volume,   // \\.\X: or \\?\X: (the volume device itself)
-        File,     // a path on drive `letter`: X:\a\b, X:a, \\.\X:\a, X: ...
-        Other,    // a device or namespace the backend does not have
+        Invalid, // `error` says why
+        Disk,    // \\.\PhysicalDriveN
+        Volume,  // \\.\X: or \\?\X: (the volume device itself)
+        File,    // a path on drive `letter`: X:\a\b, X:a, \\.\X:\a, X: ...
+        Other,   // a device or namespace the backend does not have
     };
 
     Kind kind = Kind::Invalid;
     DWORD error = 0;
-    char letter = 0;         // upper case
+    char letter = 0; // upper case
     std::uint32_t disk = 0;
     std::vector<std::u16string> components; // from the root; empty for the root itself
     bool trailingSeparator = false;         // the path ended in a backslash

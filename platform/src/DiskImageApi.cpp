@@ -32,19 +32,19 @@ constexpr std::size_t kMaxOpenHandles = 1u << 16;
 // Access rights that ask to change the file (FILE_WRITE_DATA,
 // FILE_APPEND_DATA, FILE_WRITE_EA, FILE_WRITE_ATTRIBUTES, DELETE,
 // GENERIC_WRITE, GENERIC_ALL).
-constexpr DWORD kWriteAccess = 0x00000002u | 0x00000004u | 0x00000010u | 0x00000100u |
-                               0x00010000u | GENERIC_WRITE | 0x10000000u;
+constexpr DWORD kWriteAccess = 0x00000002u | 0x00000004u | 0x00000010u | 0x00000100u | 0x00010000u |
+                               GENERIC_WRITE | 0x10000000u;
 
 constexpr DWORD kMaxComponentLength = 255;
 
-constexpr DWORD kNtfsFlags = FILE_CASE_SENSITIVE_SEARCH | FILE_CASE_PRESERVED_NAMES |
-                             FILE_UNICODE_ON_DISK | FILE_PERSISTENT_ACLS | FILE_FILE_COMPRESSION |
-                             FILE_VOLUME_QUOTAS | FILE_SUPPORTS_SPARSE_FILES |
-                             FILE_SUPPORTS_REPARSE_POINTS | FILE_SUPPORTS_OBJECT_IDS |
-                             FILE_SUPPORTS_ENCRYPTION | FILE_NAMED_STREAMS |
-                             FILE_SUPPORTS_HARD_LINKS | FILE_SUPPORTS_EXTENDED_ATTRIBUTES |
-                             FILE_SUPPORTS_USN_JOURNAL | FILE_READ_ONLY_VOLUME;
-constexpr DWORD kFatFlags = FILE_CASE_PRESERVED_NAMES | FILE_UNICODE_ON_DISK | FILE_READ_ONLY_VOLUME;
+constexpr DWORD kNtfsFlags =
+    FILE_CASE_SENSITIVE_SEARCH | FILE_CASE_PRESERVED_NAMES | FILE_UNICODE_ON_DISK |
+    FILE_PERSISTENT_ACLS | FILE_FILE_COMPRESSION | FILE_VOLUME_QUOTAS | FILE_SUPPORTS_SPARSE_FILES |
+    FILE_SUPPORTS_REPARSE_POINTS | FILE_SUPPORTS_OBJECT_IDS | FILE_SUPPORTS_ENCRYPTION |
+    FILE_NAMED_STREAMS | FILE_SUPPORTS_HARD_LINKS | FILE_SUPPORTS_EXTENDED_ATTRIBUTES |
+    FILE_SUPPORTS_USN_JOURNAL | FILE_READ_ONLY_VOLUME;
+constexpr DWORD kFatFlags =
+    FILE_CASE_PRESERVED_NAMES | FILE_UNICODE_ON_DISK | FILE_READ_ONLY_VOLUME;
 
 struct OpenObject {
     enum class Kind { Disk, Volume, File } kind = Kind::Disk;
@@ -247,9 +247,9 @@ HANDLE DiskImageApi::CreateFileW(LPCWSTR fileName, DWORD desiredAccess, DWORD sh
         else if (error == ERROR_FILE_NOT_FOUND && creationDisposition != OPEN_EXISTING &&
                  creationDisposition != TRUNCATE_EXISTING)
             error = ERROR_WRITE_PROTECT;
-        else if (error == 0 && ((desiredAccess & kWriteAccess) != 0 ||
-                                creationDisposition == CREATE_ALWAYS ||
-                                creationDisposition == TRUNCATE_EXISTING))
+        else if (error == 0 &&
+                 ((desiredAccess & kWriteAccess) != 0 || creationDisposition == CREATE_ALWAYS ||
+                  creationDisposition == TRUNCATE_EXISTING))
             error = ERROR_WRITE_PROTECT;
         else if (error == 0 && creationDisposition == OPEN_ALWAYS)
             successCode = ERROR_ALREADY_EXISTS;
@@ -309,8 +309,8 @@ BOOL DiskImageApi::readDevice(const OpenObject& object, HANDLE handle, LPVOID bu
     const auto bytes = object.deviceBytes();
     if (object.position >= bytes->size())
         return succeed();
-    const std::size_t wanted =
-        static_cast<std::size_t>(std::min<std::uint64_t>(bytesToRead, bytes->size() - object.position));
+    const std::size_t wanted = static_cast<std::size_t>(
+        std::min<std::uint64_t>(bytesToRead, bytes->size() - object.position));
     const disk::ReadResult result = bytes->readAt(object.position, buffer, wanted);
     if (result.error != 0)
         return fail(result.error);
@@ -401,29 +401,30 @@ DWORD DiskImageApi::ntfsVolumeData(const AttachedVolume& volume, NTFS_VOLUME_DAT
     data.BytesPerSector = boot.bytesPerSector;
     data.BytesPerCluster = boot.bytesPerCluster();
     data.BytesPerFileRecordSegment = boot.bytesPerFileRecord;
-    data.ClustersPerFileRecordSegment =
-        boot.bytesPerFileRecord >= boot.bytesPerCluster()
-            ? boot.bytesPerFileRecord / boot.bytesPerCluster()
-            : 0;
+    data.ClustersPerFileRecordSegment = boot.bytesPerFileRecord >= boot.bytesPerCluster()
+                                            ? boot.bytesPerFileRecord / boot.bytesPerCluster()
+                                            : 0;
     data.MftValidDataLength.QuadPart = static_cast<LONGLONG>(ntfs.mftValidDataLength());
     data.MftStartLcn.QuadPart = static_cast<LONGLONG>(boot.mftLcn);
     data.Mft2StartLcn.QuadPart = static_cast<LONGLONG>(boot.mftMirrorLcn);
     // The driver keeps its MFT zone in memory only; the nearest thing on
     // disk is the space right after the MFT's first run.
     const disk::DataRun& first = ntfs.mftRuns().front();
-    data.MftZoneStart.QuadPart = static_cast<LONGLONG>(first.lcn) + static_cast<LONGLONG>(first.length);
+    data.MftZoneStart.QuadPart =
+        static_cast<LONGLONG>(first.lcn) + static_cast<LONGLONG>(first.length);
     data.MftZoneEnd.QuadPart = data.MftZoneStart.QuadPart;
     return 0;
 }
 
-DWORD DiskImageApi::retrievalPointers(const OpenObject& object, LPVOID inBuffer,
-                                      DWORD inBufferSize, LPVOID outBuffer, DWORD outBufferSize,
+DWORD DiskImageApi::retrievalPointers(const OpenObject& object, LPVOID inBuffer, DWORD inBufferSize,
+                                      LPVOID outBuffer, DWORD outBufferSize,
                                       LPDWORD bytesReturned) {
     std::vector<disk::NtfsAttribute> attributes;
     if (const DWORD error = object.volume->ntfs->attributes(object.file.record, attributes))
         return error;
     // A directory's stream is its index allocation; a file's, its unnamed data.
-    const std::uint32_t type = object.file.directory ? disk::attr::kIndexAllocation : disk::attr::kData;
+    const std::uint32_t type =
+        object.file.directory ? disk::attr::kIndexAllocation : disk::attr::kData;
     const std::u16string name = object.file.directory ? u"$I30" : u"";
     std::vector<RetrievalRun> runs;
     std::uint64_t allocatedClusters = 0;
@@ -446,8 +447,8 @@ DWORD readBitmapBytes(void* context, std::uint64_t firstByte, std::uint8_t* out,
     return 0;
 }
 
-DWORD fatBitmap(const AttachedVolume& volume, LPVOID inBuffer, DWORD inBufferSize,
-                LPVOID outBuffer, DWORD outBufferSize, LPDWORD bytesReturned) {
+DWORD fatBitmap(const AttachedVolume& volume, LPVOID inBuffer, DWORD inBufferSize, LPVOID outBuffer,
+                DWORD outBufferSize, LPDWORD bytesReturned) {
     std::vector<std::uint8_t> bitmap;
     if (const DWORD error = disk::fatAllocationBitmap(*volume.bytes, volume.boot, bitmap))
         return error;
@@ -575,8 +576,9 @@ BOOL DiskImageApi::GetDiskFreeSpaceW(LPCWSTR rootPathName, LPDWORD sectorsPerClu
     if (const DWORD error = resolveVolumeRoot(rootPathName, volume))
         return fail(error);
     std::uint64_t freeClusters = 0;
-    const DWORD error = volume->ntfs ? volume->ntfs->countFreeClusters(freeClusters)
-                                     : disk::fatFreeClusters(*volume->bytes, volume->boot, freeClusters);
+    const DWORD error = volume->ntfs
+                            ? volume->ntfs->countFreeClusters(freeClusters)
+                            : disk::fatFreeClusters(*volume->bytes, volume->boot, freeClusters);
     if (error != 0)
         return fail(error);
     // The 32-bit counts of this call saturate on volumes with more clusters.

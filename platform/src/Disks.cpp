@@ -117,8 +117,8 @@ bool buildDiskSet(const std::vector<std::shared_ptr<const ByteSource>>& sources,
         }
         if (!matched) {
             error = std::string("drive letter ") + letter + ": is pinned to disk " +
-                    std::to_string(pin.diskNumber) + " partition " +
-                    std::to_string(pin.partition) + ", which holds no recognised volume";
+                    std::to_string(pin.diskNumber) + " partition " + std::to_string(pin.partition) +
+                    ", which holds no recognised volume";
             return false;
         }
     }
@@ -217,7 +217,9 @@ void attachDisksFromEnvironmentOnce() {
     (void)done;
 }
 
-bool disksAttached() { return !disk::currentDiskSet()->disks.empty(); }
+bool disksAttached() {
+    return !disk::currentDiskSet()->disks.empty();
+}
 
 std::vector<DiskInfo> attachedDisks() {
     std::vector<DiskInfo> result;

@@ -36,8 +36,7 @@ constexpr std::size_t kBitmapLength = 0x18;
 
 // The root directory region to look at: the fixed root of FAT12/16, or
 // the first cluster of the root of FAT32 and exFAT.
-std::vector<std::uint8_t> readRootDirectoryStart(const ByteSource& volume,
-                                                 const BootSector& boot) {
+std::vector<std::uint8_t> readRootDirectoryStart(const ByteSource& volume, const BootSector& boot) {
     std::uint64_t offset = 0;
     std::uint64_t length = 0;
     if (boot.kind == FileSystemKind::Fat12 || boot.kind == FileSystemKind::Fat16) {
@@ -46,13 +45,14 @@ std::vector<std::uint8_t> readRootDirectoryStart(const ByteSource& volume,
                  boot.bytesPerSector;
         length = std::uint64_t{boot.rootEntryCount} * fatEntry::kSize;
     } else {
-        offset = (boot.firstDataSector +
-                  std::uint64_t{boot.rootCluster - 2} * boot.sectorsPerCluster) *
-                 boot.bytesPerSector;
+        offset =
+            (boot.firstDataSector + std::uint64_t{boot.rootCluster - 2} * boot.sectorsPerCluster) *
+            boot.bytesPerSector;
         length = boot.bytesPerCluster();
     }
     // A cluster is at most 32 MiB; a fixed root at most 2 MiB.
-    std::vector<std::uint8_t> bytes(static_cast<std::size_t>(std::min<std::uint64_t>(length, 32u << 20)));
+    std::vector<std::uint8_t> bytes(
+        static_cast<std::size_t>(std::min<std::uint64_t>(length, 32u << 20)));
     const ReadResult read = volume.readAt(offset, bytes.data(), bytes.size());
     bytes.resize(read.error == 0 ? read.bytes : 0);
     return bytes;
@@ -65,8 +65,8 @@ std::u16string classicLabel(const std::vector<std::uint8_t>& root) {
         if (first == fatEntry::kEndOfDirectory)
             break;
         const std::uint8_t attributes = view.u8(offset + fatEntry::kAttributes);
-        if (first == fatEntry::kDeleted || (attributes & fatEntry::kLongNameMask) ==
-                                               fatEntry::kLongNameMask)
+        if (first == fatEntry::kDeleted ||
+            (attributes & fatEntry::kLongNameMask) == fatEntry::kLongNameMask)
             continue;
         if ((attributes & fatEntry::kVolumeId) == 0)
             continue;
@@ -88,8 +88,8 @@ std::u16string exfatLabel(const std::vector<std::uint8_t>& root) {
             break;
         if (type != exfatEntry::kVolumeLabel)
             continue;
-        const std::size_t units =
-            std::min<std::size_t>(view.u8(offset + exfatEntry::kLabelLength), exfatEntry::kMaxLabelUnits);
+        const std::size_t units = std::min<std::size_t>(view.u8(offset + exfatEntry::kLabelLength),
+                                                        exfatEntry::kMaxLabelUnits);
         std::u16string label;
         for (std::size_t i = 0; i < units; ++i)
             label.push_back(static_cast<char16_t>(view.u16(offset + exfatEntry::kLabel + 2 * i)));
@@ -115,8 +115,7 @@ DWORD exfatBitmap(const ByteSource& volume, const BootSector& boot,
         const std::uint32_t cluster = view.u32(offset + exfatEntry::kBitmapFirstCluster);
         const std::uint64_t length = view.u64(offset + exfatEntry::kBitmapLength);
         const std::uint64_t needed = (boot.totalClusters + 7) / 8;
-        if (cluster < 2 || length < needed || needed > kMaxBitmapBytes ||
-            needed > volume.size())
+        if (cluster < 2 || length < needed || needed > kMaxBitmapBytes || needed > volume.size())
             return ERROR_DISK_CORRUPT;
         const std::uint64_t start =
             (boot.firstDataSector + std::uint64_t{cluster - 2} * boot.sectorsPerCluster) *
@@ -172,7 +171,8 @@ DWORD fatAllocationBitmap(const ByteSource& volume, const BootSector& boot,
     bitmap.assign(static_cast<std::size_t>((boot.totalClusters + 7) / 8), 0);
     for (std::uint64_t index = 0; index < boot.totalClusters; ++index) {
         if (fatEntryValue(view, boot.kind, index + 2) != 0)
-            bitmap[static_cast<std::size_t>(index / 8)] |= static_cast<std::uint8_t>(1u << (index % 8));
+            bitmap[static_cast<std::size_t>(index / 8)] |=
+                static_cast<std::uint8_t>(1u << (index % 8));
     }
     // A FAT shorter than its cluster count says is damage, not free space.
     return view.ok() ? 0 : static_cast<DWORD>(ERROR_DISK_CORRUPT);

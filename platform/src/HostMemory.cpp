@@ -81,7 +81,8 @@ bool queryHostMemory(MEMORYSTATUSEX& status) {
     status.dwMemoryLoad =
         info.totalKiB == 0
             ? 0
-            : static_cast<DWORD>(100 - (info.availableKiB * 100 + info.totalKiB / 2) / info.totalKiB);
+            : static_cast<DWORD>(100 -
+                                 (info.availableKiB * 100 + info.totalKiB / 2) / info.totalKiB);
     return true;
 }
 

@@ -4,9 +4,13 @@ namespace kestrow::platform {
 
 #if defined(_WIN32)
 
-DWORD threadLastError() { return ::GetLastError(); }
+DWORD threadLastError() {
+    return ::GetLastError();
+}
 
-void setThreadLastError(DWORD code) { ::SetLastError(code); }
+void setThreadLastError(DWORD code) {
+    ::SetLastError(code);
+}
 
 #else
 
@@ -15,16 +19,26 @@ namespace {
 thread_local DWORD t_lastError = ERROR_SUCCESS;
 } // namespace
 
-DWORD threadLastError() { return t_lastError; }
+DWORD threadLastError() {
+    return t_lastError;
+}
 
-void setThreadLastError(DWORD code) { t_lastError = code; }
+void setThreadLastError(DWORD code) {
+    t_lastError = code;
+}
 
 #endif
 
-DWORD Api::GetLastError() { return threadLastError(); }
+DWORD Api::GetLastError() {
+    return threadLastError();
+}
 
-void Api::SetLastError(DWORD code) { setThreadLastError(code); }
+void Api::SetLastError(DWORD code) {
+    setThreadLastError(code);
+}
 
-WideString Api::errorMessage(DWORD code) { return englishErrorText(code); }
+WideString Api::errorMessage(DWORD code) {
+    return englishErrorText(code);
+}
 
 } // namespace kestrow::platform

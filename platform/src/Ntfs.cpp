@@ -193,8 +193,8 @@ std::vector<NtfsAttribute> mergePieces(std::vector<AttributePiece> pieces) {
     return merged;
 }
 
-const NtfsAttribute* findAttribute(const std::vector<NtfsAttribute>& attributes,
-                                   std::uint32_t type, const std::u16string& name) {
+const NtfsAttribute* findAttribute(const std::vector<NtfsAttribute>& attributes, std::uint32_t type,
+                                   const std::u16string& name) {
     for (const NtfsAttribute& attribute : attributes) {
         if (attribute.type == type && attribute.name == name)
             return &attribute;
@@ -354,8 +354,8 @@ DWORD NtfsVolume::readRuns(const std::vector<DataRun>& runs, std::uint64_t offse
         if (run->lcn < 0) {
             std::fill(out + done, out + done + chunk, std::uint8_t{0});
         } else {
-            const std::uint64_t diskOffset =
-                static_cast<std::uint64_t>(run->lcn) * m_clusterSize + (position - run->vcn * m_clusterSize);
+            const std::uint64_t diskOffset = static_cast<std::uint64_t>(run->lcn) * m_clusterSize +
+                                             (position - run->vcn * m_clusterSize);
             const DWORD error = m_volume->readExactly(diskOffset, out + done, chunk);
             if (error == ERROR_HANDLE_EOF)
                 return ERROR_FILE_CORRUPT;
@@ -483,8 +483,8 @@ void NtfsVolume::loadLabel() {
         m_label = utf16At(view, 0, name->value.size() / 2);
     }
     if (const NtfsAttribute* info = findAttribute(attributes, volumeInformation::kType, u""))
-        m_majorVersion = LeView(info->value.data(), info->value.size())
-                             .u8(volumeInformation::kMajorVersion);
+        m_majorVersion =
+            LeView(info->value.data(), info->value.size()).u8(volumeInformation::kMajorVersion);
 }
 
 void NtfsVolume::loadUpcase() {
@@ -508,8 +508,8 @@ char16_t NtfsVolume::upcase(char16_t unit) const {
     return m_upcaseFromDisk ? m_upcase[unit] : simpleUpcase(unit);
 }
 
-DWORD NtfsVolume::readAttribute(const NtfsAttribute& attribute, std::uint64_t offset,
-                                void* buffer, std::size_t length, std::size_t& got) const {
+DWORD NtfsVolume::readAttribute(const NtfsAttribute& attribute, std::uint64_t offset, void* buffer,
+                                std::size_t length, std::size_t& got) const {
     got = 0;
     auto* out = static_cast<std::uint8_t*>(buffer);
     if (!attribute.nonResident) {
@@ -527,9 +527,8 @@ DWORD NtfsVolume::readAttribute(const NtfsAttribute& attribute, std::uint64_t of
     // Bytes past the initialized size read as zeros, as the driver gives them.
     const std::uint64_t valid = std::min(attribute.initializedSize, attribute.dataSize);
     const std::size_t stored =
-        offset >= valid
-            ? 0
-            : static_cast<std::size_t>(std::min<std::uint64_t>(wanted, valid - offset));
+        offset >= valid ? 0
+                        : static_cast<std::size_t>(std::min<std::uint64_t>(wanted, valid - offset));
     if (stored > 0) {
         if (const DWORD error = readRuns(attribute.runs, offset, out, stored))
             return error;
@@ -539,8 +538,7 @@ DWORD NtfsVolume::readAttribute(const NtfsAttribute& attribute, std::uint64_t of
     return 0;
 }
 
-bool NtfsVolume::namesEqual(const std::u16string& a, const char16_t* b,
-                            std::size_t bLength) const {
+bool NtfsVolume::namesEqual(const std::u16string& a, const char16_t* b, std::size_t bLength) const {
     if (a.size() != bLength)
         return false;
     for (std::size_t i = 0; i < bLength; ++i) {
@@ -617,13 +615,11 @@ DWORD NtfsVolume::findInDirectory(std::uint64_t directory, const std::u16string&
     }
     // Only blocks the runs map and the volume can hold are looked at.
     const std::uint64_t mappedClusters =
-        allocation->runs.empty() ? 0
-                                 : allocation->runs.back().vcn + allocation->runs.back().length;
+        allocation->runs.empty() ? 0 : allocation->runs.back().vcn + allocation->runs.back().length;
     const std::uint64_t mapped =
         std::min(mappedClusters, m_volume->size() / m_clusterSize + 1) * m_clusterSize / blockSize;
-    const std::uint64_t blocks =
-        std::min({allocation->dataSize / blockSize, mapped, m_volume->size() / blockSize,
-                  kMaxIndexBlocks});
+    const std::uint64_t blocks = std::min(
+        {allocation->dataSize / blockSize, mapped, m_volume->size() / blockSize, kMaxIndexBlocks});
     std::vector<std::uint8_t> block(blockSize);
     for (std::uint64_t b = 0; b < blocks; ++b) {
         // Blocks the bitmap marks free hold stale entries; without a bitmap
@@ -686,8 +682,7 @@ DWORD NtfsVolume::lookup(const std::vector<std::u16string>& components, NtfsFile
     return fileInfo(current, info);
 }
 
-DWORD NtfsVolume::readBitmap(std::uint64_t firstByte, std::uint8_t* out,
-                             std::size_t length) const {
+DWORD NtfsVolume::readBitmap(std::uint64_t firstByte, std::uint8_t* out, std::size_t length) const {
     std::vector<NtfsAttribute> attributes;
     const NtfsAttribute* data = nullptr;
     if (collectAttributes(record::kBitmap, m_mftRuns, attributes) == 0)
@@ -705,7 +700,8 @@ DWORD NtfsVolume::countFreeClusters(std::uint64_t& freeClusters) const {
     const std::uint64_t clusters = m_boot.totalClusters;
     const std::uint64_t bytes = (clusters + 7) / 8;
     constexpr std::size_t kChunk = 1u << 20;
-    std::vector<std::uint8_t> chunk(static_cast<std::size_t>(std::min<std::uint64_t>(bytes, kChunk)));
+    std::vector<std::uint8_t> chunk(
+        static_cast<std::size_t>(std::min<std::uint64_t>(bytes, kChunk)));
     std::uint64_t used = 0;
     for (std::uint64_t at = 0; at < bytes; at += chunk.size()) {
         const std::size_t length =

@@ -66,8 +66,8 @@ struct NtfsAttribute {
     std::uint64_t allocatedSize = 0; // non-resident sizes, from the piece at VCN 0
     std::uint64_t dataSize = 0;
     std::uint64_t initializedSize = 0;
-    std::vector<DataRun> runs;       // non-resident runs, in VCN order
-    std::uint64_t lowestVcn = 0;     // of the piece this came from (before merging)
+    std::vector<DataRun> runs;   // non-resident runs, in VCN order
+    std::uint64_t lowestVcn = 0; // of the piece this came from (before merging)
 };
 
 // Well-known record numbers.
@@ -146,8 +146,8 @@ private:
     DWORD loadMftRuns(std::string& error);
     void loadLabel();
     void loadUpcase();
-    DWORD findInDirectory(std::uint64_t directory, const std::u16string& name,
-                          std::uint64_t& child, bool& isDirectory) const;
+    DWORD findInDirectory(std::uint64_t directory, const std::u16string& name, std::uint64_t& child,
+                          bool& isDirectory) const;
     bool namesEqual(const std::u16string& a, const char16_t* b, std::size_t bLength) const;
 
     std::shared_ptr<const ByteSource> m_volume;

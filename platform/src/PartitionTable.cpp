@@ -39,7 +39,9 @@ constexpr std::uint32_t kMaxGptEntries = 1024;
 constexpr std::uint32_t kMaxGptEntrySize = 4096;
 constexpr std::uint32_t kMaxLogicalPartitions = 256;
 
-bool isExtendedType(std::uint8_t type) { return type == 0x05 || type == 0x0F || type == 0x85; }
+bool isExtendedType(std::uint8_t type) {
+    return type == 0x05 || type == 0x0F || type == 0x85;
+}
 
 struct MbrEntry {
     std::uint8_t status = 0;

@@ -23,9 +23,13 @@ Api& current() {
     return diskImageApi();
 }
 
-ScopedApi::ScopedApi(Api& api) : m_previous(g_installed) { g_installed = &api; }
+ScopedApi::ScopedApi(Api& api) : m_previous(g_installed) {
+    g_installed = &api;
+}
 
-ScopedApi::~ScopedApi() { g_installed = m_previous; }
+ScopedApi::~ScopedApi() {
+    g_installed = m_previous;
+}
 
 HANDLE CreateFileW(LPCWSTR fileName, DWORD desiredAccess, DWORD shareMode,
                    LPSECURITY_ATTRIBUTES securityAttributes, DWORD creationDisposition,
@@ -34,7 +38,9 @@ HANDLE CreateFileW(LPCWSTR fileName, DWORD desiredAccess, DWORD shareMode,
                                  creationDisposition, flagsAndAttributes, templateFile);
 }
 
-BOOL CloseHandle(HANDLE handle) { return current().CloseHandle(handle); }
+BOOL CloseHandle(HANDLE handle) {
+    return current().CloseHandle(handle);
+}
 
 BOOL ReadFile(HANDLE handle, LPVOID buffer, DWORD bytesToRead, LPDWORD bytesRead,
               LPOVERLAPPED overlapped) {
@@ -57,10 +63,9 @@ BOOL GetVolumeInformationW(LPCWSTR rootPathName, LPWSTR volumeNameBuffer, DWORD 
                            LPDWORD volumeSerialNumber, LPDWORD maximumComponentLength,
                            LPDWORD fileSystemFlags, LPWSTR fileSystemNameBuffer,
                            DWORD fileSystemNameSize) {
-    return current().GetVolumeInformationW(rootPathName, volumeNameBuffer, volumeNameSize,
-                                           volumeSerialNumber, maximumComponentLength,
-                                           fileSystemFlags, fileSystemNameBuffer,
-                                           fileSystemNameSize);
+    return current().GetVolumeInformationW(
+        rootPathName, volumeNameBuffer, volumeNameSize, volumeSerialNumber, maximumComponentLength,
+        fileSystemFlags, fileSystemNameBuffer, fileSystemNameSize);
 }
 
 BOOL GetDiskFreeSpaceW(LPCWSTR rootPathName, LPDWORD sectorsPerCluster, LPDWORD bytesPerSector,
@@ -69,16 +74,24 @@ BOOL GetDiskFreeSpaceW(LPCWSTR rootPathName, LPDWORD sectorsPerCluster, LPDWORD 
                                        numberOfFreeClusters, totalNumberOfClusters);
 }
 
-DWORD GetFileAttributesW(LPCWSTR fileName) { return current().GetFileAttributesW(fileName); }
+DWORD GetFileAttributesW(LPCWSTR fileName) {
+    return current().GetFileAttributesW(fileName);
+}
 
 BOOL GlobalMemoryStatusEx(LPMEMORYSTATUSEX buffer) {
     return current().GlobalMemoryStatusEx(buffer);
 }
 
-DWORD GetLastError() { return current().GetLastError(); }
+DWORD GetLastError() {
+    return current().GetLastError();
+}
 
-void SetLastError(DWORD code) { current().SetLastError(code); }
+void SetLastError(DWORD code) {
+    current().SetLastError(code);
+}
 
-WideString errorMessage(DWORD code) { return current().errorMessage(code); }
+WideString errorMessage(DWORD code) {
+    return current().errorMessage(code);
+}
 
 } // namespace kestrow::platform

@@ -4,8 +4,7 @@
 
 namespace kestrow::platform {
 
-void RaiseException(DWORD code, DWORD flags, DWORD numberOfArguments,
-                    const ULONG_PTR* arguments) {
+void RaiseException(DWORD code, DWORD flags, DWORD numberOfArguments, const ULONG_PTR* arguments) {
 #if defined(_WIN32)
     ::RaiseException(code, flags, numberOfArguments, arguments);
     // A continuable exception can come back here; the caller was promised

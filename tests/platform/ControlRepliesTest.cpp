@@ -44,7 +44,8 @@ TEST(RetrievalPointersReply, FillsWhatFitsAndSaysMoreData) {
     EXPECT_EQ(at<LONGLONG>(out, 40), -1);
 
     out.assign(64, 0);
-    EXPECT_EQ(replyRetrievalPointers(runs, 20, &input, sizeof input, out.data(), 64, &returned), 0u);
+    EXPECT_EQ(replyRetrievalPointers(runs, 20, &input, sizeof input, out.data(), 64, &returned),
+              0u);
     EXPECT_EQ(returned, 64u);
     EXPECT_EQ(at<DWORD>(out, 0), 3u);
 }
@@ -55,7 +56,8 @@ TEST(RetrievalPointersReply, StartsAtTheRunHoldingTheStartingVcn) {
     input.StartingVcn.QuadPart = 12;
     std::vector<std::uint8_t> out(64, 0);
     DWORD returned = 0;
-    EXPECT_EQ(replyRetrievalPointers(runs, 20, &input, sizeof input, out.data(), 64, &returned), 0u);
+    EXPECT_EQ(replyRetrievalPointers(runs, 20, &input, sizeof input, out.data(), 64, &returned),
+              0u);
     EXPECT_EQ(at<DWORD>(out, 0), 2u);
     EXPECT_EQ(at<LONGLONG>(out, 8), 10); // rounded down to the run's start
     input.StartingVcn.QuadPart = 20;
@@ -86,15 +88,15 @@ TEST(VolumeBitmapReply, PartialHeaderFirstThenTheWholeBitmap) {
     const STARTING_LCN_INPUT_BUFFER input{};
     std::vector<std::uint8_t> out(24, 0);
     DWORD returned = 0;
-    EXPECT_EQ(replyVolumeBitmap(75, readBitmap, &bitmap, &input, sizeof input, out.data(), 24,
-                                &returned),
-              static_cast<DWORD>(ERROR_MORE_DATA));
+    EXPECT_EQ(
+        replyVolumeBitmap(75, readBitmap, &bitmap, &input, sizeof input, out.data(), 24, &returned),
+        static_cast<DWORD>(ERROR_MORE_DATA));
     EXPECT_EQ(returned, 24u);
     EXPECT_EQ(at<LONGLONG>(out, 8), 75);
     out.assign(16 + 10, 0);
-    EXPECT_EQ(replyVolumeBitmap(75, readBitmap, &bitmap, &input, sizeof input, out.data(), 26,
-                                &returned),
-              0u);
+    EXPECT_EQ(
+        replyVolumeBitmap(75, readBitmap, &bitmap, &input, sizeof input, out.data(), 26, &returned),
+        0u);
     EXPECT_EQ(returned, 26u);
     EXPECT_EQ(out[16], 0xFF);
     EXPECT_EQ(out[25], 0x07); // clusters 72-74 only: the bits past 75 are cleared
@@ -106,19 +108,19 @@ TEST(VolumeBitmapReply, StartingLcnIsRoundedDownAndChecked) {
     input.StartingLcn.QuadPart = 13;
     std::vector<std::uint8_t> out(64, 0);
     DWORD returned = 0;
-    EXPECT_EQ(replyVolumeBitmap(80, readBitmap, &bitmap, &input, sizeof input, out.data(), 64,
-                                &returned),
-              0u);
+    EXPECT_EQ(
+        replyVolumeBitmap(80, readBitmap, &bitmap, &input, sizeof input, out.data(), 64, &returned),
+        0u);
     EXPECT_EQ(at<LONGLONG>(out, 0), 8);
     EXPECT_EQ(at<LONGLONG>(out, 8), 72);
     EXPECT_EQ(returned, 16u + 9u);
     input.StartingLcn.QuadPart = 80;
-    EXPECT_EQ(replyVolumeBitmap(80, readBitmap, &bitmap, &input, sizeof input, out.data(), 64,
-                                &returned),
-              static_cast<DWORD>(ERROR_INVALID_PARAMETER));
-    EXPECT_EQ(replyVolumeBitmap(80, readBitmap, &bitmap, &input, sizeof input, out.data(), 23,
-                                &returned),
-              static_cast<DWORD>(ERROR_INSUFFICIENT_BUFFER));
+    EXPECT_EQ(
+        replyVolumeBitmap(80, readBitmap, &bitmap, &input, sizeof input, out.data(), 64, &returned),
+        static_cast<DWORD>(ERROR_INVALID_PARAMETER));
+    EXPECT_EQ(
+        replyVolumeBitmap(80, readBitmap, &bitmap, &input, sizeof input, out.data(), 23, &returned),
+        static_cast<DWORD>(ERROR_INSUFFICIENT_BUFFER));
 }
 
 TEST(DiskExtentsReply, OneExtentFitsTwoNeedMoreData) {

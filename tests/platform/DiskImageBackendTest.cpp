@@ -60,8 +60,8 @@ public:
     explicit Handle(std::string_view path, DWORD access = GENERIC_READ | GENERIC_WRITE,
                     DWORD flags = 0)
         : m_handle(platform::CreateFileW(wide(path).c_str(), access,
-                                         FILE_SHARE_READ | FILE_SHARE_WRITE, nullptr,
-                                         OPEN_EXISTING, flags, nullptr)),
+                                         FILE_SHARE_READ | FILE_SHARE_WRITE, nullptr, OPEN_EXISTING,
+                                         flags, nullptr)),
           m_error(platform::GetLastError()) {}
     ~Handle() {
         if (valid())
@@ -91,9 +91,9 @@ std::vector<Pointer> retrievalPointers(HANDLE file, DWORD& error) {
     error = 0;
     for (int attempt = 0; attempt < 20; ++attempt) {
         DWORD returned = 0;
-        const BOOL ok = platform::DeviceIoControl(file, FSCTL_GET_RETRIEVAL_POINTERS, &input,
-                                                  sizeof input, out.data(),
-                                                  static_cast<DWORD>(out.size()), &returned, nullptr);
+        const BOOL ok = platform::DeviceIoControl(
+            file, FSCTL_GET_RETRIEVAL_POINTERS, &input, sizeof input, out.data(),
+            static_cast<DWORD>(out.size()), &returned, nullptr);
         if (!ok && platform::GetLastError() == ERROR_MORE_DATA) {
             out.resize(out.size() * 2);
             continue;
@@ -133,9 +133,9 @@ std::vector<std::uint8_t> volumeBitmap(HANDLE volume, std::uint64_t& clusters) {
     STARTING_LCN_INPUT_BUFFER input{};
     std::vector<std::uint8_t> out(sizeof(VOLUME_BITMAP_BUFFER));
     DWORD returned = 0;
-    BOOL ok = platform::DeviceIoControl(volume, FSCTL_GET_VOLUME_BITMAP, &input, sizeof input,
-                                        out.data(), static_cast<DWORD>(out.size()), &returned,
-                                        nullptr);
+    BOOL ok =
+        platform::DeviceIoControl(volume, FSCTL_GET_VOLUME_BITMAP, &input, sizeof input, out.data(),
+                                  static_cast<DWORD>(out.size()), &returned, nullptr);
     EXPECT_FALSE(ok);
     EXPECT_EQ(platform::GetLastError(), static_cast<DWORD>(ERROR_MORE_DATA));
     EXPECT_EQ(returned, 24u); // the header and the 8 bytes that fit
@@ -177,7 +177,8 @@ TEST_P(EveryImage, VolumeIsFoundWhereThePartitionTableSaysAndGetsLetterC) {
     EXPECT_EQ(volumes[0].offset, facts.volumeOffset);
     EXPECT_EQ(volumes[0].length, facts.volumeSize);
     if (facts.isWholeDisk) {
-        const oracle::SfdiskDump dump = oracle::dumpPartitionTable(kestrow::test::imagePath(facts.image));
+        const oracle::SfdiskDump dump =
+            oracle::dumpPartitionTable(kestrow::test::imagePath(facts.image));
         bool matched = false;
         for (const auto& partition : dump.partitions) {
             if (partition.start * dump.sectorSize == volumes[0].offset) {
@@ -223,7 +224,8 @@ TEST_P(EveryImage, VolumeInformationAndGeometryAgreeWithFsstat) {
     EXPECT_EQ(sectorsPerCluster * bytesPerSector, facts.bytesPerCluster);
     EXPECT_EQ(totalClusters, fsstat.totalClusters);
     const std::vector<bool> allocated = oracle::allocatedClusters(image, facts.volumeOffset / 512);
-    const auto used = static_cast<std::uint64_t>(std::count(allocated.begin(), allocated.end(), true));
+    const auto used =
+        static_cast<std::uint64_t>(std::count(allocated.begin(), allocated.end(), true));
     EXPECT_EQ(freeClusters, allocated.size() - used);
 
     Handle volume("\\\\?\\C:");
@@ -267,13 +269,15 @@ TEST_P(EveryImage, DiskExtentIsTheVolumesPlaceOnTheDisk) {
     VOLUME_DISK_EXTENTS extents{};
     DWORD returned = 0;
     ASSERT_TRUE(platform::DeviceIoControl(volume.get(), IOCTL_VOLUME_GET_VOLUME_DISK_EXTENTS,
-                                          nullptr, 0, &extents, sizeof extents, &returned, nullptr));
+                                          nullptr, 0, &extents, sizeof extents, &returned,
+                                          nullptr));
     EXPECT_EQ(returned, sizeof extents);
     EXPECT_EQ(extents.NumberOfDiskExtents, 1u);
     EXPECT_EQ(extents.Extents[0].DiskNumber, 0u);
     EXPECT_EQ(static_cast<std::uint64_t>(extents.Extents[0].StartingOffset.QuadPart),
               facts.volumeOffset);
-    EXPECT_EQ(static_cast<std::uint64_t>(extents.Extents[0].ExtentLength.QuadPart), facts.volumeSize);
+    EXPECT_EQ(static_cast<std::uint64_t>(extents.Extents[0].ExtentLength.QuadPart),
+              facts.volumeSize);
 }
 
 TEST_P(EveryImage, MftRunsAgreeWithIstatAndNtfsinfo) {
@@ -412,7 +416,8 @@ TEST(DiskImageBackend, MbrDiskGivesTheFatPartitionTheNextLetter) {
     const std::string clusterRange = field("Total Cluster Range: ");
     const DWORD expectedTotal =
         static_cast<DWORD>(std::stoul(clusterRange.substr(clusterRange.find("- ") + 2)) - 1);
-    const DWORD expectedFree = static_cast<DWORD>(std::stoul(field("Free Sector Count (FS Info): ")));
+    const DWORD expectedFree =
+        static_cast<DWORD>(std::stoul(field("Free Sector Count (FS Info): ")));
 
     WCHAR label[64] = {};
     WCHAR fileSystem[64] = {};
@@ -424,7 +429,8 @@ TEST(DiskImageBackend, MbrDiskGivesTheFatPartitionTheNextLetter) {
     EXPECT_EQ(serial, expectedSerial);
 
     DWORD spc = 0, bps = 0, freeClusters = 0, total = 0;
-    ASSERT_TRUE(platform::GetDiskFreeSpaceW(wide("D:\\").c_str(), &spc, &bps, &freeClusters, &total));
+    ASSERT_TRUE(
+        platform::GetDiskFreeSpaceW(wide("D:\\").c_str(), &spc, &bps, &freeClusters, &total));
     EXPECT_EQ(bps, 512u);
     EXPECT_EQ(spc, 1u); // so the FS Info sector count is a cluster count
     EXPECT_EQ(total, expectedTotal);
@@ -486,14 +492,13 @@ TEST(DiskImageBackend, EnvironmentVariableAttachesDisksOnFirstUse) {
     const pid_t child = fork();
     ASSERT_GE(child, 0);
     if (child == 0) {
-        const std::string list = kestrow::test::bareVolume().string() + ":" +
-                                 kestrow::test::gptDisk().string();
+        const std::string list =
+            kestrow::test::bareVolume().string() + ":" + kestrow::test::gptDisk().string();
         setenv("KESTROW_DISKS", list.c_str(), 1);
         std::string error;
-        const bool ok = platform::attachDisksFromEnvironment(error) &&
-                        platform::attachedDisks().size() == 2 &&
-                        platform::attachedVolumes().size() == 2 &&
-                        platform::attachedVolumes()[1].letter == 'D';
+        const bool ok =
+            platform::attachDisksFromEnvironment(error) && platform::attachedDisks().size() == 2 &&
+            platform::attachedVolumes().size() == 2 && platform::attachedVolumes()[1].letter == 'D';
         _exit(ok ? 0 : 1);
     }
     int status = 0;

@@ -11,7 +11,9 @@ namespace {
 
 namespace platform = kestrow::platform;
 
-std::string narrow(const platform::WideString& text) { return std::string(text.begin(), text.end()); }
+std::string narrow(const platform::WideString& text) {
+    return std::string(text.begin(), text.end());
+}
 
 TEST(ErrorText, WindowsEnglishTextsWithTheirLineEnd) {
     EXPECT_EQ(narrow(platform::errorMessage(2)), "The system cannot find the file specified.\r\n");

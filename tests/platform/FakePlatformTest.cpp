@@ -216,3 +216,29 @@ TEST(FakePlatform, MemoryStatusIsScriptable) {
 }
 
 } // namespace
+
+namespace {
+
+TEST(FakePlatform, SeekFromTheEndUsesTheDeviceSize) {
+    FakePlatform fake;
+    fake.addDisk(0, 1 << 20);
+    fake.addVolume('C').extents = {{0, 4096, 65536}};
+    ScopedApi scope(fake);
+    HANDLE disk = open("\\\\.\\PhysicalDrive0");
+    HANDLE volume = open("\\\\.\\C:");
+    LARGE_INTEGER back;
+    back.QuadPart = -512;
+    LARGE_INTEGER position{};
+    ASSERT_TRUE(platform::SetFilePointerEx(disk, back, &position, FILE_END));
+    EXPECT_EQ(position.QuadPart, (1 << 20) - 512);
+    ASSERT_TRUE(platform::SetFilePointerEx(volume, back, &position, FILE_END));
+    EXPECT_EQ(position.QuadPart, 65536 - 512);
+    back.QuadPart = -70000;
+    EXPECT_FALSE(platform::SetFilePointerEx(volume, back, &position, FILE_END));
+    EXPECT_EQ(platform::GetLastError(), static_cast<DWORD>(ERROR_NEGATIVE_SEEK));
+    platform::CloseHandle(disk);
+    platform::CloseHandle(volume);
+    EXPECT_EQ(fake.openHandles(), 0u);
+}
+
+} // namespace

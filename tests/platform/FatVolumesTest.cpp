@@ -52,16 +52,16 @@ struct Expected {
 class FatVolumes : public testing::Test {
 protected:
     static void SetUpTestSuite() {
-        directory = std::filesystem::temp_directory_path() /
-                    ("kestrow-fat-" + std::to_string(::getpid()));
+        directory =
+            std::filesystem::temp_directory_path() / ("kestrow-fat-" + std::to_string(::getpid()));
         std::filesystem::create_directories(directory);
         const std::string fat12 = (directory / "fat12.img").string();
         const std::string fat16 = (directory / "fat16.img").string();
         const std::string exfat = (directory / "exfat.img").string();
-        oracle::runToolChecked({"mkfs.fat", "-C", "-F", "12", "-n", "LBL12", "-i", "12345678",
-                                fat12, "2048"});
-        oracle::runToolChecked({"mkfs.fat", "-C", "-F", "16", "-n", "LBL16", "-i", "0A0B0C0D",
-                                fat16, "32768"});
+        oracle::runToolChecked(
+            {"mkfs.fat", "-C", "-F", "12", "-n", "LBL12", "-i", "12345678", fat12, "2048"});
+        oracle::runToolChecked(
+            {"mkfs.fat", "-C", "-F", "16", "-n", "LBL16", "-i", "0A0B0C0D", fat16, "32768"});
         std::ofstream(exfat, std::ios::binary).close();
         std::filesystem::resize_file(exfat, 16u << 20);
         oracle::runToolChecked({"mkfs.exfat", "-L", "EXLABEL", exfat});
@@ -71,18 +71,23 @@ protected:
              {std::tuple{fat12, "C", "FAT", "LBL12", 0x12345678u},
               std::tuple{fat16, "D", "FAT", "LBL16", 0x0A0B0C0Du}}) {
             const std::string report = oracle::runToolChecked({"fsck.fat", "-n", path});
-            const DWORD used = static_cast<DWORD>(std::stoul(firstMatch(report, R"((\d+)/\d+ clusters)")));
-            const DWORD total = static_cast<DWORD>(std::stoul(firstMatch(report, R"(\d+/(\d+) clusters)")));
+            const DWORD used =
+                static_cast<DWORD>(std::stoul(firstMatch(report, R"((\d+)/\d+ clusters)")));
+            const DWORD total =
+                static_cast<DWORD>(std::stoul(firstMatch(report, R"(\d+/(\d+) clusters)")));
             expected.push_back({letter, name, label, serial, total, total - used});
         }
         // exFAT: fsstat for serial, label and cluster range; blkls for the
         // free sectors of the cluster heap.
         const std::string stats = oracle::runToolChecked({"fsstat", exfat});
-        const std::string serialText = firstMatch(stats, R"(Volume Serial Number: ([0-9a-f]{4}-[0-9a-f]{4}))");
+        const std::string serialText =
+            firstMatch(stats, R"(Volume Serial Number: ([0-9a-f]{4}-[0-9a-f]{4}))");
         const DWORD serial = static_cast<DWORD>(
             std::stoul(serialText.substr(0, 4) + serialText.substr(5), nullptr, 16));
-        const std::uint64_t firstCluster = std::stoull(firstMatch(stats, R"(Cluster Range: (\d+) -)"));
-        const std::uint64_t lastCluster = std::stoull(firstMatch(stats, R"(Cluster Range: \d+ - (\d+))"));
+        const std::uint64_t firstCluster =
+            std::stoull(firstMatch(stats, R"(Cluster Range: (\d+) -)"));
+        const std::uint64_t lastCluster =
+            std::stoull(firstMatch(stats, R"(Cluster Range: \d+ - (\d+))"));
         const std::uint64_t heapStart = std::stoull(firstMatch(stats, R"(Cluster Heap: (\d+) -)"));
         const std::uint64_t clusterSize = std::stoull(firstMatch(stats, R"(Cluster Size: (\d+))"));
         const std::uint64_t sectorsPerCluster = clusterSize / 512;
@@ -98,7 +103,8 @@ protected:
                 sector < heapStart + (lastCluster - firstCluster + 1) * sectorsPerCluster)
                 ++freeSectors;
         }
-        expected.push_back({"E", "exFAT", firstMatch(stats, R"(Volume Label \(from root directory\): (\S+))"),
+        expected.push_back({"E", "exFAT",
+                            firstMatch(stats, R"(Volume Label \(from root directory\): (\S+))"),
                             serial, static_cast<DWORD>(lastCluster - firstCluster + 1),
                             static_cast<DWORD>(freeSectors / sectorsPerCluster)});
 

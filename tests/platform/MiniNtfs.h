@@ -140,8 +140,8 @@ inline std::vector<std::uint8_t> fileName(std::uint64_t parent, const std::u16st
 }
 
 // Index entries (file reference, $FILE_NAME key), ending with the last-entry mark.
-inline std::vector<std::uint8_t> indexEntries(
-    const std::vector<std::pair<std::uint64_t, std::vector<std::uint8_t>>>& entries) {
+inline std::vector<std::uint8_t>
+indexEntries(const std::vector<std::pair<std::uint64_t, std::vector<std::uint8_t>>>& entries) {
     std::vector<std::uint8_t> out;
     for (const auto& [reference, key] : entries) {
         const std::size_t length = (0x10 + key.size() + 7) & ~std::size_t{7};

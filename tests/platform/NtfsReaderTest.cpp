@@ -39,9 +39,9 @@ std::vector<DataRun> decode(std::vector<std::uint8_t> bytes, std::string* error 
 TEST(RunList, DecodesRelativeOffsetsSparseRunsAndNegativeSteps) {
     bool ok = false;
     // 3 clusters at 150, 2 sparse, 1 at 160, 4 at 160 - 60 = 100.
-    const auto runs = decode({0x21, 0x03, 0x96, 0x00, 0x01, 0x02, 0x11, 0x01, 0x0A, 0x11, 0x04,
-                              0xC4, 0x00},
-                             nullptr, &ok);
+    const auto runs =
+        decode({0x21, 0x03, 0x96, 0x00, 0x01, 0x02, 0x11, 0x01, 0x0A, 0x11, 0x04, 0xC4, 0x00},
+               nullptr, &ok);
     EXPECT_TRUE(ok);
     const std::vector<DataRun> expected = {{0, 3, 150}, {3, 2, -1}, {5, 1, 160}, {6, 4, 100}};
     EXPECT_EQ(runs, expected);
@@ -71,8 +71,8 @@ TEST(RunList, RejectsMalformedListsKeepingTheRunsBeforeTheFault) {
     EXPECT_EQ(error, "run starts before the volume");
 
     // Two runs whose lengths add past the VCN range.
-    runs = decode({0x18, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0x7F, 0x01, 0x18, 0xFF, 0xFF,
-                   0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0x7F, 0x01, 0x00},
+    runs = decode({0x18, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0x7F, 0x01, 0x18,
+                   0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0x7F, 0x01, 0x00},
                   &error, &ok);
     EXPECT_FALSE(ok);
     EXPECT_EQ(runs.size(), 1u);
@@ -138,7 +138,8 @@ protected:
                          .resident(attr::kAttributeList, list)
                          .nonResident(attr::kData, 0, 31, {0x11, 0x20, 0x10}, 64 * 512, 64 * 512)
                          .bytes();
-        records[15] = Record(1024, 1, 0).nonResident(attr::kData, 32, 63, {0x11, 0x20, 0x64}, 0, 0).bytes();
+        records[15] =
+            Record(1024, 1, 0).nonResident(attr::kData, 32, 63, {0x11, 0x20, 0x64}, 0, 0).bytes();
         records[3] = Record().resident(attr::kVolumeName, utf16(u"MINI")).bytes();
 
         records[5] = Record(1024, 3)
@@ -154,17 +155,18 @@ protected:
                           .resident(attr::kFileName, fileName(5, u"hello.txt"))
                           .resident(attr::kData, {'h', 'i', ' ', 't', 'h', 'e', 'r', 'e'})
                           .bytes();
-        records[21] = Record(1024, 3)
-                          .resident(attr::kIndexRoot, indexRoot(indexEntries({}), 1024, true), u"$I30")
-                          .nonResident(attr::kIndexAllocation, 0, 1, {0x21, 0x02, 0xC8, 0x00}, 1024,
-                                       1024, u"$I30")
-                          .resident(attr::kBitmap, {0x01}, u"$I30")
-                          .bytes();
+        records[21] =
+            Record(1024, 3)
+                .resident(attr::kIndexRoot, indexRoot(indexEntries({}), 1024, true), u"$I30")
+                .nonResident(attr::kIndexAllocation, 0, 1, {0x21, 0x02, 0xC8, 0x00}, 1024, 1024,
+                             u"$I30")
+                .resident(attr::kBitmap, {0x01}, u"$I30")
+                .bytes();
         place(image, 200 * 512, indexBlock(indexEntries({{22, fileName(21, u"deep.bin")}})));
         records[22] = Record()
                           .nonResident(attr::kData, 0, 5,
-                                       {0x21, 0x03, 0x96, 0x00, 0x01, 0x02, 0x11, 0x01, 0x0A}, 6 * 512,
-                                       6 * 512)
+                                       {0x21, 0x03, 0x96, 0x00, 0x01, 0x02, 0x11, 0x01, 0x0A},
+                                       6 * 512, 6 * 512)
                           .bytes();
     }
 
@@ -212,15 +214,16 @@ TEST_F(MiniVolume, NamesInIndexBlocksAreFoundAndRunsKeepTheirHoles) {
     EXPECT_EQ(attributes[0].runs, expected);
 
     EXPECT_EQ(ntfs->lookup({u"Sub", u"missing"}, info), static_cast<DWORD>(ERROR_FILE_NOT_FOUND));
-    EXPECT_EQ(ntfs->lookup({u"nodir", u"deep.bin"}, info), static_cast<DWORD>(ERROR_PATH_NOT_FOUND));
+    EXPECT_EQ(ntfs->lookup({u"nodir", u"deep.bin"}, info),
+              static_cast<DWORD>(ERROR_PATH_NOT_FOUND));
     EXPECT_EQ(ntfs->lookup({u"hello.txt", u"x"}, info), static_cast<DWORD>(ERROR_PATH_NOT_FOUND));
 }
 
 TEST_F(MiniVolume, AnIndexBlockTheBitmapMarksFreeIsNotSearched) {
     records[21] = Record(1024, 3)
                       .resident(attr::kIndexRoot, indexRoot(indexEntries({}), 1024, true), u"$I30")
-                      .nonResident(attr::kIndexAllocation, 0, 1, {0x21, 0x02, 0xC8, 0x00}, 1024, 1024,
-                                   u"$I30")
+                      .nonResident(attr::kIndexAllocation, 0, 1, {0x21, 0x02, 0xC8, 0x00}, 1024,
+                                   1024, u"$I30")
                       .resident(attr::kBitmap, {0x00}, u"$I30")
                       .bytes();
     std::string error;
@@ -271,8 +274,8 @@ TEST_F(MiniVolume, HostileAttributeListsStayBounded) {
     place(image, 64 * 512, list);
     records[0] = Record()
                      .nonResident(attr::kAttributeList, 0, 187, listRuns, 188 * 512, list.size())
-                     .nonResident(attr::kData, 0, 63, {0x11, 0x20, 0x10, 0x11, 0x20, 0x54}, 64 * 512,
-                                  64 * 512)
+                     .nonResident(attr::kData, 0, 63, {0x11, 0x20, 0x10, 0x11, 0x20, 0x54},
+                                  64 * 512, 64 * 512)
                      .bytes();
     std::string error;
     auto ntfs = mount(error);

@@ -152,7 +152,7 @@ TEST(PartitionTable, ALoopingExtendedChainEnds) {
     std::vector<std::uint8_t> disk(8 * MiB, 0);
     mbrEntry(disk, 0, 0, 0x05, 2048, 8192);
     mbrEntry(disk, 2048 * 512, 0, 0x07, 64, 64);
-    mbrEntry(disk, 2048 * 512, 1, 0x05, 0x1000, 64);       // next EBR ...
+    mbrEntry(disk, 2048 * 512, 1, 0x05, 0x1000, 64); // next EBR ...
     mbrEntry(disk, (2048 + 0x1000) * 512, 0, 0x07, 64, 64);
     mbrEntry(disk, (2048 + 0x1000) * 512, 1, 0x05, 0x1000, 64); // ... points at itself
     MemorySource source(disk);
@@ -177,7 +177,7 @@ TEST(PartitionTable, GptEntriesInTableOrderBehindTheProtectiveMbr) {
         };
         entry(0, 2048 * 512 / sector, 4096 * 512 / sector - 1);
         entry(2, 8192 * 512 / sector, 16384 * 512 / sector - 1); // slot 2 empty before it
-        entry(3, 10, 5);                                          // last before first: skipped
+        entry(3, 10, 5);                                         // last before first: skipped
         MemorySource source(disk);
         EXPECT_EQ(detectSectorSize(source), sector);
         const auto table = readPartitionTable(source, sector);
@@ -238,22 +238,23 @@ TEST(DriveLetters, VolumesOfEveryDiskInTableOrderFromC) {
     EXPECT_FALSE(set.volumes[0]->mountError.empty());
 
     DiskSet pinned;
-    ASSERT_TRUE(buildDiskSet(sources, {"bare", "disk"}, {}, {{'C', 1, 3}, {'x', 0, 0}}, pinned,
-                             error))
+    ASSERT_TRUE(
+        buildDiskSet(sources, {"bare", "disk"}, {}, {{'C', 1, 3}, {'x', 0, 0}}, pinned, error))
         << error;
     EXPECT_EQ(pinned.volumes[0]->info.letter, 'X');
     EXPECT_EQ(pinned.volumes[1]->info.letter, 'D');
     EXPECT_EQ(pinned.volumes[2]->info.letter, 'C');
 
     DiskSet twice;
-    EXPECT_FALSE(buildDiskSet(sources, {"bare", "disk"}, {}, {{'C', 1, 3}, {'C', 0, 0}}, twice,
-                              error));
+    EXPECT_FALSE(
+        buildDiskSet(sources, {"bare", "disk"}, {}, {{'C', 1, 3}, {'C', 0, 0}}, twice, error));
 }
 
 TEST(DriveLetters, LettersRunOutAtZ) {
     std::vector<std::uint8_t> bare(1 * MiB, 0);
     place(bare, 0, ntfsBoot());
-    std::vector<std::shared_ptr<const ByteSource>> sources(30, std::make_shared<MemorySource>(bare));
+    std::vector<std::shared_ptr<const ByteSource>> sources(30,
+                                                           std::make_shared<MemorySource>(bare));
     DiskSet set;
     std::string error;
     ASSERT_TRUE(buildDiskSet(sources, {}, {}, {}, set, error));

@@ -113,9 +113,13 @@ TEST_F(RichVolume, NamesCompareCaseInsensitivelyWithTheVolumesUpcaseTable) {
     EXPECT_NE(attributesOf(upperAscii("C:\\" + kestrow::test::windowsPath(rich::deepFilePath()))),
               INVALID_FILE_ATTRIBUTES);
     // Ünïcödé.txt written in capitals, Ελληνικά in capitals (ΕΛΛΗΝΙΚΆ).
-    EXPECT_NE(attributesOf("C:\\UNICODE\\\xC3\x9C" "N\xC3\x8F" "C\xC3\x96" "D\xC3\x89.TXT"),
+    EXPECT_NE(attributesOf("C:\\UNICODE\\\xC3\x9C"
+                           "N\xC3\x8F"
+                           "C\xC3\x96"
+                           "D\xC3\x89.TXT"),
               INVALID_FILE_ATTRIBUTES);
-    EXPECT_NE(attributesOf("C:\\Unicode\\\xCE\x95\xCE\x9B\xCE\x9B\xCE\x97\xCE\x9D\xCE\x99\xCE\x9A\xCE\x86"),
+    EXPECT_NE(attributesOf(
+                  "C:\\Unicode\\\xCE\x95\xCE\x9B\xCE\x9B\xCE\x97\xCE\x9D\xCE\x99\xCE\x9A\xCE\x86"),
               INVALID_FILE_ATTRIBUTES);
     EXPECT_NE(attributesOf("C:\\Unicode\\emoji-\xF0\x9F\x98\x80.txt"), INVALID_FILE_ATTRIBUTES);
 }
@@ -128,8 +132,9 @@ TEST_F(RichVolume, ShortNamesOpenTheSameFiles) {
 }
 
 TEST_F(RichVolume, EveryPathFormOfTheLibraryResolves) {
-    for (const char* path : {"C:\\$MFT", "\\\\.\\C:\\$MFT", "C:$MFT", "\\\\.\\C:$MFT", "C:/Docs/./Sub/../Sub/deep.txt",
-                             "\\\\?\\C:\\Docs\\report.bin", "C:\\Readme.txt::$DATA", "C:\\Docs\\report.bin. "}) {
+    for (const char* path :
+         {"C:\\$MFT", "\\\\.\\C:\\$MFT", "C:$MFT", "\\\\.\\C:$MFT", "C:/Docs/./Sub/../Sub/deep.txt",
+          "\\\\?\\C:\\Docs\\report.bin", "C:\\Readme.txt::$DATA", "C:\\Docs\\report.bin. "}) {
         EXPECT_NE(attributesOf(path), INVALID_FILE_ATTRIBUTES) << path;
     }
     EXPECT_NE(attributesOf("C:\\") & FILE_ATTRIBUTE_DIRECTORY, 0u);
@@ -152,7 +157,7 @@ TEST_F(RichVolume, MissingNamesGiveWindowsErrorCodes) {
         {"C:\\a<b", ERROR_INVALID_NAME},
         {"\\\\?\\C:\\Docs\\.\\report.bin", ERROR_PATH_NOT_FOUND}, // "." taken literally
         {"Q:\\anything", ERROR_PATH_NOT_FOUND},
-        {"C:\\gone.txt", ERROR_FILE_NOT_FOUND},                    // deleted
+        {"C:\\gone.txt", ERROR_FILE_NOT_FOUND},                       // deleted
         {"C:\\Streams\\streams.txt:stream-00", ERROR_FILE_NOT_FOUND}, // named streams not offered
         {"relative.txt", ERROR_PATH_NOT_FOUND},
         {"\\\\server\\share\\x", ERROR_BAD_NETPATH},
@@ -160,7 +165,6 @@ TEST_F(RichVolume, MissingNamesGiveWindowsErrorCodes) {
     for (const Case& c : cases) {
         EXPECT_EQ(attributesOf(c.path), INVALID_FILE_ATTRIBUTES) << c.path;
         EXPECT_EQ(platform::GetLastError(), c.error) << c.path;
-        
     }
     EXPECT_EQ(openFile("\\\\.\\Q:"), INVALID_HANDLE_VALUE);
     EXPECT_EQ(platform::GetLastError(), static_cast<DWORD>(ERROR_FILE_NOT_FOUND));
@@ -188,9 +192,8 @@ TEST_F(RichVolume, FilesCannotBeOpenedForWritingNorCreatedButDevicesCan) {
 
 TEST_F(RichVolume, RunsOfFragmentedSparseAndResidentFilesAgreeWithIstat) {
     const auto image = kestrow::test::richVolume();
-    for (std::string_view path :
-         {rich::kFragmentedA, rich::kFragmentedB, rich::kSparsePath, rich::kLargePath,
-          kestrow::test::kReportPath}) {
+    for (std::string_view path : {rich::kFragmentedA, rich::kFragmentedB, rich::kSparsePath,
+                                  rich::kLargePath, kestrow::test::kReportPath}) {
         SCOPED_TRACE(std::string(path));
         const auto inode = oracle::findInode(image, path);
         ASSERT_TRUE(inode.has_value());
@@ -223,8 +226,8 @@ TEST_F(RichVolume, FileHandlesReadTheUnnamedStream) {
         {"C:\\Links\\target.txt", std::string(rich::kHardLinkText)},
         {"C:\\Streams\\streams.txt", std::string(rich::kStreamsText)},
     };
-    const auto report = kestrow::test::patternBytes(kestrow::test::kReportSeed, 0,
-                                                    kestrow::test::kReportSize);
+    const auto report =
+        kestrow::test::patternBytes(kestrow::test::kReportSeed, 0, kestrow::test::kReportSize);
     cases.push_back({"C:\\Docs\\report.bin", std::string(report.begin(), report.end())});
     for (const Case& c : cases) {
         HANDLE file = openFile(c.path, 0, GENERIC_READ);

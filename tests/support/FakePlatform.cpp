@@ -73,7 +73,9 @@ BOOL fail(platform::Api& api, DWORD code) {
 FakePlatform::FakePlatform() = default;
 FakePlatform::~FakePlatform() = default;
 
-void FakePlatform::log(std::string line) { m_calls.push_back(std::move(line)); }
+void FakePlatform::log(std::string line) {
+    m_calls.push_back(std::move(line));
+}
 
 FakeDisk& FakePlatform::addDisk(std::uint32_t number, std::size_t size,
                                 std::uint32_t bytesPerSector) {
@@ -216,6 +218,15 @@ void FakePlatform::clearLog() {
     m_reads.clear();
 }
 
+std::uint64_t FakePlatform::deviceSize(const Handle& handle) const {
+    if (handle.kind == Handle::Kind::Disk)
+        return m_disks.at(handle.disk).bytes.size();
+    if (handle.kind == Handle::Kind::File)
+        return 0; // files have no scripted content
+    const FakeVolume& volume = m_volumes.at(handle.letter);
+    return volume.extents.empty() ? volume.content.size() : volume.extents[0].extentLength;
+}
+
 FakePlatform::Handle* FakePlatform::findHandle(HANDLE handle) {
     auto it = m_handles.find(reinterpret_cast<std::uintptr_t>(handle));
     return it == m_handles.end() ? nullptr : &it->second;
@@ -232,7 +243,8 @@ bool FakePlatform::resolve(const std::string& rawPath, Handle& handle, DWORD& er
     const std::string upperPath = upper(path);
     if (device && upperPath.rfind("PHYSICALDRIVE", 0) == 0 && upperPath.size() > 13) {
         const std::string digits = upperPath.substr(13);
-        if (std::all_of(digits.begin(), digits.end(), [](char c) { return c >= '0' && c <= '9'; })) {
+        if (std::all_of(digits.begin(), digits.end(),
+                        [](char c) { return c >= '0' && c <= '9'; })) {
             handle.kind = Handle::Kind::Disk;
             handle.disk = static_cast<std::uint32_t>(std::stoul(digits));
             if (m_disks.count(handle.disk) == 0) {
@@ -242,7 +254,8 @@ bool FakePlatform::resolve(const std::string& rawPath, Handle& handle, DWORD& er
             return true;
         }
     }
-    if (upperPath.size() < 2 || upperPath[1] != ':' || !std::isalpha(static_cast<unsigned char>(upperPath[0]))) {
+    if (upperPath.size() < 2 || upperPath[1] != ':' ||
+        !std::isalpha(static_cast<unsigned char>(upperPath[0]))) {
         error = device ? ERROR_FILE_NOT_FOUND : ERROR_PATH_NOT_FOUND;
         return false;
     }
@@ -325,8 +338,7 @@ BOOL FakePlatform::CloseHandle(HANDLE handle) {
     return TRUE;
 }
 
-BOOL FakePlatform::readDevice(Handle& handle, LPVOID buffer, DWORD bytesToRead,
-                              LPDWORD bytesRead) {
+BOOL FakePlatform::readDevice(Handle& handle, LPVOID buffer, DWORD bytesToRead, LPDWORD bytesRead) {
     // Where the handle's bytes come from: a disk, a volume's first extent on
     // its disk, or the volume's own content.
     const std::vector<std::uint8_t>* bytes = nullptr;
@@ -346,7 +358,8 @@ BOOL FakePlatform::readDevice(Handle& handle, LPVOID buffer, DWORD bytesToRead,
             FakeDisk& disk = m_disks.at(volume.extents[0].diskNumber);
             bytes = &disk.bytes;
             base = volume.extents[0].startingOffset;
-            limit = std::min<std::uint64_t>(base + volume.extents[0].extentLength, disk.bytes.size());
+            limit =
+                std::min<std::uint64_t>(base + volume.extents[0].extentLength, disk.bytes.size());
             sectorSize = disk.bytesPerSector;
             diskNumber = volume.extents[0].diskNumber;
         } else {
@@ -414,9 +427,7 @@ BOOL FakePlatform::SetFilePointerEx(HANDLE handle, LARGE_INTEGER distance,
     if (moveMethod == FILE_CURRENT)
         base = static_cast<LONGLONG>(open->position);
     else if (moveMethod == FILE_END)
-        base = open->kind == Handle::Kind::Disk
-                   ? static_cast<LONGLONG>(m_disks.at(open->disk).bytes.size())
-                   : 0;
+        base = static_cast<LONGLONG>(deviceSize(*open));
     else if (moveMethod != FILE_BEGIN)
         return fail(*this, ERROR_INVALID_PARAMETER);
     const LONGLONG target = base + distance.QuadPart;
@@ -437,7 +448,8 @@ struct BitmapSource {
     const std::vector<std::uint8_t>* bytes;
 };
 
-DWORD readFakeBitmap(void* context, std::uint64_t firstByte, std::uint8_t* out, std::size_t length) {
+DWORD readFakeBitmap(void* context, std::uint64_t firstByte, std::uint8_t* out,
+                     std::size_t length) {
     const auto& bytes = *static_cast<BitmapSource*>(context)->bytes;
     for (std::size_t i = 0; i < length; ++i)
         out[i] = firstByte + i < bytes.size() ? bytes[firstByte + i] : 0xFF;
@@ -472,8 +484,8 @@ BOOL FakePlatform::DeviceIoControl(HANDLE handle, DWORD ioControlCode, LPVOID in
         if (onVolume)
             error = volume->ntfsDataError != 0
                         ? volume->ntfsDataError
-                        : platform::replyNtfsVolumeData(volume->ntfsData, outBuffer,
-                                                        outBufferSize, &returned);
+                        : platform::replyNtfsVolumeData(volume->ntfsData, outBuffer, outBufferSize,
+                                                        &returned);
         else if (volume != nullptr)
             error = ERROR_INVALID_PARAMETER;
         break;

@@ -24,7 +24,9 @@
 //    read past the end returns what exists). A volume handle reads the bytes
 //    of its first extent's disk at that extent's offset, or `content` when the
 //    volume has no extent. Sector size: the disk's (a volume without disk:
-//    its bytesPerSector).
+//    its bytesPerSector). FILE_END is the disk's size, the first extent's
+//    length or the content's size. File handles have no content: ReadFile
+//    on them fails with ERROR_INVALID_FUNCTION.
 //  - DeviceIoControl: IOCTL_VOLUME_GET_VOLUME_DISK_EXTENTS (FakeVolume::
 //    extents, any number), FSCTL_GET_NTFS_VOLUME_DATA (ntfsData, or
 //    ntfsDataError), FSCTL_GET_RETRIEVAL_POINTERS on file handles (the file's
@@ -102,7 +104,7 @@ struct FakeVolume {
     // The volume's own bytes, used when it has no extent.
     std::vector<std::uint8_t> content;
 
-    DWORD openError = 0; // CreateFileW on the volume device fails with this
+    DWORD openError = 0;                   // CreateFileW on the volume device fails with this
     std::map<std::string, FakeFile> files; // keyed by upper-cased "\\path"
 };
 
@@ -211,6 +213,7 @@ private:
 
     void log(std::string line);
     Handle* findHandle(HANDLE handle);
+    std::uint64_t deviceSize(const Handle& handle) const;
     bool resolve(const std::string& path, Handle& handle, DWORD& error);
     BOOL readDevice(Handle& handle, LPVOID buffer, DWORD bytesToRead, LPDWORD bytesRead);
     FakeVolume* volumeOfRoot(LPCWSTR rootPathName, DWORD& error);
