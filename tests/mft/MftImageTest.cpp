@@ -397,8 +397,8 @@ TEST_P(MftOnImage, ClustersOfTheMftHoldItsRecords) {
         GTEST_SKIP() << "clusters smaller than a record";
     const std::uint64_t base = facts().facts->volumeOffset / bpc;
     const std::uint64_t perCluster = bpc / facts().bytesPerRecord;
-    const oracle::IstatAttribute* mftData =
-        oracle::inspectRecord(image(), 0, facts().sectorOffset).find(oracle::kData);
+    const oracle::IstatResult mftRecord = oracle::inspectRecord(image(), 0, facts().sectorOffset);
+    const oracle::IstatAttribute* mftData = mftRecord.find(oracle::kData);
     ASSERT_NE(mftData, nullptr);
     const std::uint64_t mftDataClusters = (mftData->size + bpc - 1) / bpc;
     for (const MftFacts::Slots& s : facts().slots) {
