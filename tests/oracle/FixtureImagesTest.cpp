@@ -516,6 +516,45 @@ TEST(ScratchImage, PatchedRecordIsSeenByTheTools) {
     EXPECT_TRUE(inspectRecord(richVolume(), inode).allocated);
 }
 
+TEST(ScratchImage, ParentReferencesCanBeMadeToLoop) {
+    ScratchImage copy(richVolume());
+    const auto docs = *findInode(copy.path(), kDocsDir);
+    const auto sub = *findInode(copy.path(), kSubDir);
+    const auto subSequence = inspectRecord(copy.path(), sub).sequence;
+    // Docs/Sub's parent is Docs; make Docs's parent Docs/Sub.
+    const int patched = patchFileNameParents(copy, mftRecordOffset(copy.path(), docs), 1024,
+                                             (std::uint64_t{subSequence} << 48) | sub);
+    EXPECT_EQ(patched, 1);
+    const auto looped = inspectRecord(copy.path(), docs);
+    ASSERT_EQ(looped.fileNames.size(), 1u);
+    EXPECT_EQ(looped.fileNames[0].parent, sub);
+    EXPECT_EQ(looped.fileNames[0].parentSequence, subSequence);
+    EXPECT_EQ(inspectRecord(copy.path(), sub).fileNames.at(0).parent, docs);
+    EXPECT_EQ(inspectRecord(richVolume(), docs).fileNames.at(0).parent, 5u);
+}
+
+TEST(RawAttributes, WalksARealRecordAndRefusesDamagedOnes) {
+    const auto image = richVolume();
+    const auto inode = *findInode(image, rich::kShortNamedFiles[0].path);
+    auto record = readFileBytes(image, mftRecordOffset(image, inode), 1024);
+    const auto attributes = rawAttributes(record);
+    const auto names = std::count_if(attributes.begin(), attributes.end(),
+                                     [](const RawAttribute& a) { return a.type == 0x30; });
+    EXPECT_EQ(names, 2); // the long name and the short one
+    EXPECT_EQ(attributes.front().type, 0x10u);
+    for (const auto& attribute : attributes)
+        EXPECT_LE(attribute.offset + attribute.length, 1024u);
+
+    auto badLength = record;
+    badLength[attributes[1].offset + 4] = 0xF0; // length runs past the record
+    badLength[attributes[1].offset + 5] = 0x0F;
+    EXPECT_THROW(rawAttributes(badLength), std::runtime_error);
+    auto notFile = record;
+    notFile[0] = 'B';
+    EXPECT_THROW(rawAttributes(notFile), std::runtime_error);
+    EXPECT_THROW(rawAttributes(std::span(record).first(16)), std::runtime_error);
+}
+
 TEST(ScratchImage, CopyOfAVolumeStillParses) {
     ScratchImage copy(richVolume());
     const auto stats = fileSystemStats(copy.path());

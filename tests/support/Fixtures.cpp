@@ -118,7 +118,9 @@ void copySparse(const std::filesystem::path& from, const std::filesystem::path& 
 
 } // namespace
 
-void PrintTo(const ImageFacts& facts, std::ostream* out) { *out << facts.fileName; }
+void PrintTo(const ImageFacts& facts, std::ostream* out) {
+    *out << facts.fileName;
+}
 
 std::span<const ImageFacts> allImages() {
     return kImages;
@@ -377,6 +379,72 @@ std::vector<std::uint8_t> readFileBytes(const std::filesystem::path& file, std::
         throw std::runtime_error("short read of " + std::to_string(count) + " bytes at " +
                                  std::to_string(offset) + " in " + file.string());
     return bytes;
+}
+
+namespace {
+
+std::uint32_t le16At(std::span<const std::uint8_t> bytes, std::size_t at) {
+    if (at + 2 > bytes.size())
+        throw std::runtime_error("record field at " + std::to_string(at) + " leaves the record");
+    return bytes[at] | (std::uint32_t{bytes[at + 1]} << 8);
+}
+
+std::uint32_t le32At(std::span<const std::uint8_t> bytes, std::size_t at) {
+    return le16At(bytes, at) | (le16At(bytes, at + 2) << 16);
+}
+
+constexpr std::uint32_t kFileNameType = 0x30;
+constexpr std::uint32_t kEndMarker = 0xFFFFFFFF;
+
+} // namespace
+
+std::vector<RawAttribute> rawAttributes(std::span<const std::uint8_t> record) {
+    if (record.size() < 0x30 || record[0] != 'F' || record[1] != 'I' || record[2] != 'L' ||
+        record[3] != 'E')
+        throw std::runtime_error("not a FILE record");
+    std::vector<RawAttribute> attributes;
+    std::size_t offset = le16At(record, 0x14); // first attribute
+    // A record holds at most record.size() / 24 attributes: a bound on the walk
+    // even if lengths were damaged.
+    while (attributes.size() <= record.size() / 24) {
+        const std::uint32_t type = le32At(record, offset);
+        if (type == kEndMarker)
+            return attributes;
+        RawAttribute attribute;
+        attribute.type = type;
+        attribute.offset = static_cast<std::uint32_t>(offset);
+        attribute.length = le32At(record, offset + 4);
+        if (attribute.length < 24 || offset + attribute.length > record.size())
+            throw std::runtime_error("attribute at " + std::to_string(offset) +
+                                     " has a bad length " + std::to_string(attribute.length));
+        attribute.resident = record[offset + 8] == 0;
+        if (attribute.resident) {
+            attribute.valueLength = le32At(record, offset + 0x10);
+            attribute.valueOffset =
+                static_cast<std::uint32_t>(offset) + le16At(record, offset + 0x14);
+            if (attribute.valueOffset + std::uint64_t{attribute.valueLength} >
+                offset + attribute.length)
+                throw std::runtime_error("value of the attribute at " + std::to_string(offset) +
+                                         " leaves it");
+        }
+        attributes.push_back(attribute);
+        offset += attribute.length;
+    }
+    throw std::runtime_error("no end marker among the attributes");
+}
+
+int patchFileNameParents(ScratchImage& image, std::uint64_t recordOffset,
+                         std::uint32_t bytesPerRecord, std::uint64_t parentReference) {
+    const auto record = image.read(recordOffset, bytesPerRecord);
+    int patched = 0;
+    for (const auto& attribute : rawAttributes(record)) {
+        if (attribute.type != kFileNameType || !attribute.resident || attribute.valueLength < 8)
+            continue;
+        // The parent reference is the first field of a $FILE_NAME value.
+        image.patchLe64(recordOffset + attribute.valueOffset, parentReference);
+        ++patched;
+    }
+    return patched;
 }
 
 } // namespace kestrow::test

@@ -310,6 +310,30 @@ private:
     std::filesystem::path m_path;
 };
 
+// One attribute of a raw FILE record, as it stands in the record's bytes.
+struct RawAttribute {
+    std::uint32_t type = 0;
+    std::uint32_t offset = 0; // of the attribute header, from the record's start
+    std::uint32_t length = 0;
+    bool resident = false;
+    std::uint32_t valueOffset = 0; // resident only: from the record's start
+    std::uint32_t valueLength = 0; // resident only
+};
+
+// Walks the attributes of a raw FILE record (update sequence fixups not
+// applied; they only touch the last two bytes of each sector, which no
+// attribute header or short value used here reaches). Throws
+// std::runtime_error when the record is not a FILE record or an attribute
+// leaves it.
+std::vector<RawAttribute> rawAttributes(std::span<const std::uint8_t> record);
+
+// Rewrites the parent reference of every $FILE_NAME in the MFT record at
+// `recordOffset` (bytes into the image, see oracle::mftRecordOffset) of a
+// scratch copy; returns how many were changed. For hostile images such as
+// parent loops: the directory indexes keep the old entries.
+int patchFileNameParents(ScratchImage& image, std::uint64_t recordOffset,
+                         std::uint32_t bytesPerRecord, std::uint64_t parentReference);
+
 // Reads `count` bytes at `offset` of any file (an image); throws on a short read.
 std::vector<std::uint8_t> readFileBytes(const std::filesystem::path& file, std::uint64_t offset,
                                         std::size_t count);
