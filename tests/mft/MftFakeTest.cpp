@@ -895,6 +895,27 @@ TEST(MftClusterOwners, NoActiveRecordWhenEverythingIsResident) {
     EXPECT_EQ(opened.table().getLastActiveRecord().index, 0u);
 }
 
+TEST(MftClusterOwners, ASingleSlotMftHasNoActiveRecord) {
+    FakeMftGeometry g;
+    g.sectorsPerCluster = 1;
+    g.mftRuns = {{100, 1}}; // (1 + 1) * 512 / 1024 = one slot, record 0
+    FakeMftDrive drive(g);
+    RecordSpec mft;
+    mft.name = u"$MFT";
+    mft.dataRun = RecordSpec::Run{100, 1};
+    drive.writeRecord(0, mft);
+    OpenedTable opened(drive);
+    MasterFileTable& table = opened.table();
+    ASSERT_TRUE(table.initialized());
+    unsigned long long count = 0;
+    ASSERT_TRUE(table.getNumMftRecords(count));
+    ASSERT_EQ(count, 1u);
+    const std::size_t reads = drive.fake().reads().size();
+    EXPECT_EQ(table.getLastActiveRecord().index, 0u);
+    EXPECT_EQ(drive.fake().reads().size(), reads);
+    EXPECT_EQ(table.getRecordHashTable().size(), 0u); // record 0 was never examined
+}
+
 TEST(MftClusterOwners, RecordsInAnMftClusterWorkedExample) {
     FakeMftGeometry g = oneRunGeometry(64);
     g.volumeOffset = 0;
