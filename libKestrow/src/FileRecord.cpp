@@ -77,7 +77,7 @@ const orv::String& residentTypeName(std::uint32_t typeCode) {
         ORV_LITERAL("$VOLUME_INFORMATION"),    // 0x70
         ORV_LITERAL("$DATA"),                  // 0x80
         ORV_LITERAL("$INDEX_ROOT"),            // 0x90
-        orv::String(),                         // 0xA0 is never resident
+        orv::String(),                         // 0xA0: named only when non-resident
         ORV_LITERAL("$BITMAP"),                // 0xB0
         ORV_LITERAL("$REPARSE_POINT"),         // 0xC0
         ORV_LITERAL("$EA_INFORMATION"),        // 0xD0
