@@ -308,7 +308,7 @@ TEST(MftOpening, ARunShorterThanOneRecordFailsTheCount) {
 
 // ---- Run lookup and count ----------------------------------------------------------------
 
-TEST(MftRunLookup, TheWorkedExampleOfTwoRuns) {
+TEST(MftRunLookup, TwoRunsOf100And50Records) {
     FakeMftGeometry g;
     g.volumeOffset = 0; // LCNs are then absolute sectors
     g.mftRuns = {{100, 200}, {1000, 100}};
@@ -916,7 +916,7 @@ TEST(MftClusterOwners, ASingleSlotMftHasNoActiveRecord) {
     EXPECT_EQ(table.getRecordHashTable().size(), 0u); // record 0 was never examined
 }
 
-TEST(MftClusterOwners, RecordsInAnMftClusterWorkedExample) {
+TEST(MftClusterOwners, FourRecordsPerClusterOfARunAtSector2048) {
     FakeMftGeometry g = oneRunGeometry(64);
     g.volumeOffset = 0;
     g.mftRuns = {{256, 64}}; // starts at sector 2048
