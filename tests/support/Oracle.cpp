@@ -1,4 +1,5 @@
 #include "Oracle.h"
+#include "WineTools.h"
 
 #include <algorithm>
 #include <atomic>
@@ -153,6 +154,10 @@ std::string shellQuote(std::string_view argument) {
 }
 
 ToolOutput runTool(const std::vector<std::string>& argv) {
+#ifdef _WIN32
+    // The tools are Linux programs; Windows test programs reach them through Wine.
+    return runToolUnderWine(argv);
+#endif
     if (argv.empty())
         throw OracleError("no tool to run");
     const auto errFile = temporaryFile();
