@@ -46,9 +46,17 @@
 //                    8.3 short names, non-ASCII names, fragmented and sparse
 //                    files, files whose attributes overflow into extension
 //                    records ($ATTRIBUTE_LIST, resident and non-resident), a
-//                    file whose $DATA is only in an extension record, a deep path, hard links,
-//                    named streams, deleted files and directories, and an $MFT whose $DATA has
-//                    several runs.
+//                    file whose $DATA is only in an extension record, a deep
+//                    path, hard links, named streams, deleted files and
+//                    directories, and an $MFT whose $DATA has many runs (not
+//                    in ascending cluster order, allocated past its data size).
+//                    Record numbers are not fixed: ask the oracle (ifind -n).
+//
+// Not built by the test run: the benchmark "realistic tree" volumes
+// <build>/bench-images/tree-100k.img and tree-1m.img (targets
+// bench_tree_images_100k / _1m; 4 KiB clusters, label "KESTROW_TREE", about
+// 100 000 / 1 000 000 files in directories of very different sizes, one path
+// 40 directories deep, a few directories with thousands of entries).
 //
 // kSmallTree (on every image but bare.img):
 //   Readme.txt            resident text, kReadmeText
