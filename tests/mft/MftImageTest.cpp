@@ -201,22 +201,15 @@ const MftFacts& cachedFacts(FixtureImage image) {
 // 512-byte stride: there the unapplied update sequence number stands in for
 // the true bytes.
 bool fileNameHitsFixup(const std::vector<std::uint8_t>& record) {
-    auto u16 = [&](std::size_t at) { return std::uint32_t(record[at] | (record[at + 1] << 8)); };
-    auto u32 = [&](std::size_t at) { return u16(at) | (u16(at + 2) << 16); };
-    std::size_t offset = u16(0x14);
-    while (offset + 0x10 <= record.size()) {
-        const std::uint32_t type = u32(offset);
-        const std::uint32_t length = u32(offset + 4);
-        if (type == 0xFFFFFFFFu || length == 0 || offset + length > record.size())
-            break;
-        if (type == 0x30 && record[offset + 8] == 0 && offset + 0x5A <= record.size()) {
-            const std::size_t first = offset + 0x18;
-            const std::size_t end = offset + 0x5A + 2 * std::size_t(record[offset + 0x58]);
-            for (std::size_t p = first; p < end; ++p)
-                if (p % 512 >= 510)
-                    return true;
-        }
-        offset += length;
+    for (const kestrow::test::RawAttribute& attribute : kestrow::test::rawAttributes(record)) {
+        if (attribute.type != 0x30 || !attribute.resident)
+            continue;
+        const std::size_t first = attribute.offset + 0x18;
+        const std::size_t nameLength = record.at(attribute.offset + 0x58);
+        const std::size_t end = attribute.offset + 0x5A + 2 * nameLength;
+        for (std::size_t p = first; p < end; ++p)
+            if (p % 512 >= 510)
+                return true;
     }
     return false;
 }
@@ -524,22 +517,9 @@ TEST(MftHostileImage, ParentLoopsReturnFromEveryWalk) {
 
     // Docs becomes the child of its own child Sub.
     kestrow::test::ScratchImage scratch(original);
-    const std::uint64_t docsOffset = *facts.imageOffsetOf(*docs);
-    std::vector<std::uint8_t> record = scratch.read(docsOffset, facts.bytesPerRecord);
-    std::size_t patched = 0;
-    for (std::size_t offset = record[0x14] | (record[0x15] << 8); offset + 8 < record.size();) {
-        std::uint32_t type, length;
-        std::memcpy(&type, &record[offset], 4);
-        std::memcpy(&length, &record[offset + 4], 4);
-        if (type == 0xFFFFFFFFu || length == 0)
-            break;
-        if (type == 0x30) {
-            scratch.patchLe64(docsOffset + offset + 0x18, *sub);
-            ++patched;
-        }
-        offset += length;
-    }
-    ASSERT_GT(patched, 0u);
+    ASSERT_GT(kestrow::test::patchFileNameParents(scratch, *facts.imageOffsetOf(*docs),
+                                                  facts.bytesPerRecord, *sub),
+              0);
 
     OpenedImage opened(scratch.path());
     ASSERT_TRUE(opened.table.initialized());
