@@ -64,6 +64,17 @@ TEST_P(EveryImage, HasTheDocumentedSizeAndGeometry) {
     EXPECT_EQ(stats.totalClusters, stats.totalSectors * stats.sectorSize / stats.clusterSize);
 }
 
+TEST_P(EveryImage, BitmapAndBlklsAgreeOnAllocatedClusters) {
+    const auto& facts = GetParam();
+    const auto image = imagePath(facts.image);
+    const auto used = allocatedClusters(image, sectorOffsetOf(facts));
+    std::vector<std::uint64_t> fromBitmap;
+    for (std::uint64_t cluster = 0; cluster < used.size(); ++cluster)
+        if (used[cluster])
+            fromBitmap.push_back(cluster);
+    EXPECT_EQ(fromBitmap, allocatedClusterList(image, sectorOffsetOf(facts)));
+}
+
 TEST_P(EveryImage, PassesTheClusterAccountingCheck) {
     const auto& facts = GetParam();
     const auto image = imagePath(facts.image);

@@ -260,6 +260,15 @@ TEST(NtfsinfoParser, ReadsRunListsWithHolesAndNamespaces) {
     EXPECT_EQ(runs[2].vcn, 0x1000u);
 }
 
+TEST(BlklsParser, ReadsTheClusterList) {
+    const auto clusters = parseBlklsList("class|host|image|first_time|unit\n"
+                                         "blkls|vm||1795336068|Cluster\n"
+                                         "addr|alloc\n0|a\n1|a\n4097|a\n");
+    EXPECT_EQ(clusters, (std::vector<std::uint64_t>{0, 1, 4097}));
+    EXPECT_THROW(parseBlklsList("Cannot determine file system type\n"), OracleError);
+    EXPECT_THROW(parseBlklsList("addr|alloc\nx|a\n"), OracleError);
+}
+
 TEST(RunTool, QuotesArgumentsAndReportsFailures) {
     EXPECT_EQ(shellQuote("it's"), "'it'\\''s'");
     const auto echoed = runToolChecked({"printf", "%s|", "a b", "it's", "$HOME"});

@@ -508,6 +508,34 @@ std::uint64_t mftRecordOffset(const std::filesystem::path& image, std::uint64_t 
            position % stats.clusterSize;
 }
 
+std::vector<std::uint64_t> parseBlklsList(std::string_view text) {
+    // "class|host|image|first_time|unit", its values, "addr|alloc", then
+    // one "N|a" line per cluster.
+    std::vector<std::uint64_t> clusters;
+    bool inList = false;
+    for (auto line : splitLines(text)) {
+        if (line.empty())
+            continue;
+        if (!inList) {
+            inList = line == "addr|alloc";
+            continue;
+        }
+        const auto bar = line.find('|');
+        if (bar == std::string_view::npos)
+            parseFailure("blkls line", line);
+        clusters.push_back(number<std::uint64_t>(line.substr(0, bar), "blkls cluster"));
+    }
+    if (!inList)
+        parseFailure("blkls -l output", text.substr(0, 200));
+    return clusters;
+}
+
+std::vector<std::uint64_t> allocatedClusterList(const std::filesystem::path& image,
+                                                std::uint64_t sectorOffset) {
+    return parseBlklsList(
+        runToolChecked(withOffset({"blkls", "-a", "-l", image.string()}, sectorOffset)));
+}
+
 // ---- fsstat ----------------------------------------------------------------------------
 
 FsstatResult parseFsstat(std::string_view text) {

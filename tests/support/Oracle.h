@@ -165,6 +165,12 @@ std::vector<bool> allocatedClusters(const std::filesystem::path& image,
 std::uint64_t mftRecordOffset(const std::filesystem::path& image, std::uint64_t record,
                               std::uint64_t sectorOffset = 0, std::uint64_t byteInRecord = 0);
 
+// blkls -a -l: the volume clusters The Sleuth Kit counts as allocated, in
+// ascending order (a second opinion on allocatedClusters()).
+std::vector<std::uint64_t> allocatedClusterList(const std::filesystem::path& image,
+                                                std::uint64_t sectorOffset = 0);
+std::vector<std::uint64_t> parseBlklsList(std::string_view text);
+
 // ---- fsstat --------------------------------------------------------------------
 
 struct FsstatResult {
