@@ -15,13 +15,15 @@ std::string narrow(const platform::WideString& text) {
     return std::string(text.begin(), text.end());
 }
 
+// The backend's texts (on Windows without disks the system's own answer).
 TEST(ErrorText, WindowsEnglishTextsWithTheirLineEnd) {
-    EXPECT_EQ(narrow(platform::errorMessage(2)), "The system cannot find the file specified.\r\n");
-    EXPECT_EQ(narrow(platform::errorMessage(87)), "The parameter is incorrect.\r\n");
-    EXPECT_EQ(narrow(platform::errorMessage(234)), "More data is available.\r\n");
-    EXPECT_EQ(narrow(platform::errorMessage(38)), "Reached the end of the file.\r\n");
-    EXPECT_EQ(narrow(platform::errorMessage(0)), "The operation completed successfully.\r\n");
-    EXPECT_EQ(narrow(platform::errorMessage(0xDEAD)), "Unknown error 57005 (0x0000DEAD).\r\n");
+    platform::Api& backend = platform::diskImageApi();
+    EXPECT_EQ(narrow(backend.errorMessage(2)), "The system cannot find the file specified.\r\n");
+    EXPECT_EQ(narrow(backend.errorMessage(87)), "The parameter is incorrect.\r\n");
+    EXPECT_EQ(narrow(backend.errorMessage(234)), "More data is available.\r\n");
+    EXPECT_EQ(narrow(backend.errorMessage(38)), "Reached the end of the file.\r\n");
+    EXPECT_EQ(narrow(backend.errorMessage(0)), "The operation completed successfully.\r\n");
+    EXPECT_EQ(narrow(backend.errorMessage(0xDEAD)), "Unknown error 57005 (0x0000DEAD).\r\n");
 }
 
 TEST(LastError, IsKeptPerThread) {

@@ -3,8 +3,11 @@
 // in an extension record) or that are damaged on purpose.
 #pragma once
 
+#include "Ntfs.h"
+
 #include <cstdint>
 #include <cstring>
+#include <map>
 #include <string>
 #include <vector>
 
@@ -212,5 +215,91 @@ inline void place(std::vector<std::uint8_t>& image, std::size_t at,
                   const std::vector<std::uint8_t>& bytes) {
     std::copy(bytes.begin(), bytes.end(), image.begin() + static_cast<std::ptrdiff_t>(at));
 }
+
+// A 128 KiB volume (serial 0x1122334455667788, label "MINI", 244 free
+// clusters in its $Bitmap): 512-byte clusters, 1 KiB records. The $MFT has two runs,
+// records 0-15 at LCN 16 and records 16-31 at LCN 100; record 0 holds only
+// the first, the second is in extension record 15 named by record 0's
+// $ATTRIBUTE_LIST. The root (5) holds hello.txt (20) and Sub (21); Sub keeps
+// deep.bin (22) in an INDX block at LCN 200.
+// assemble() gives the image with the records (as changed by a test) in place.
+struct MiniVolumeImage {
+    static constexpr std::uint64_t kSectors = 256;
+    static constexpr std::uint32_t kAttributeList = 0x20;
+
+    static std::size_t recordOffset(std::uint64_t record) {
+        return record < 16 ? (16 + record * 2) * 512 : (100 + (record - 16) * 2) * 512;
+    }
+
+    MiniVolumeImage() {
+        namespace attr = kestrow::platform::disk::attr;
+        image.assign(kSectors * 512, 0);
+        place(image, 0, bootSector(kSectors, 16));
+
+        std::vector<std::uint8_t> list;
+        auto listEntry = [&](std::uint32_t type, std::uint64_t vcn, std::uint64_t record) {
+            std::vector<std::uint8_t> e(0x20, 0);
+            put32(e, 0, type);
+            put16(e, 4, 0x20);
+            e[7] = 0x1A;
+            put64(e, 8, vcn);
+            put64(e, 0x10, record | (std::uint64_t{1} << 48));
+            list.insert(list.end(), e.begin(), e.end());
+        };
+        listEntry(attr::kStandardInformation, 0, 0);
+        listEntry(attr::kData, 0, 0);
+        listEntry(attr::kData, 32, 15);
+        records[0] = Record()
+                         .resident(attr::kStandardInformation, std::vector<std::uint8_t>(0x48, 0))
+                         .resident(attr::kAttributeList, list)
+                         .nonResident(attr::kData, 0, 31, {0x11, 0x20, 0x10}, 64 * 512, 64 * 512)
+                         .bytes();
+        records[15] =
+            Record(1024, 1, 0).nonResident(attr::kData, 32, 63, {0x11, 0x20, 0x64}, 0, 0).bytes();
+        records[3] = Record().resident(attr::kVolumeName, utf16(u"MINI")).bytes();
+        // $Bitmap: 256 clusters, the first 12 in use, one cluster at LCN 240.
+        records[6] =
+            Record().nonResident(attr::kData, 0, 0, {0x21, 0x01, 0xF0, 0x00}, 512, 32).bytes();
+        image[240 * 512] = 0xFF;
+        image[240 * 512 + 1] = 0x0F;
+
+        records[5] = Record(1024, 3)
+                         .resident(attr::kIndexRoot,
+                                   indexRoot(indexEntries({{20, fileName(5, u"hello.txt")},
+                                                           {21, fileName(5, u"Sub", 0x10000000)}})),
+                                   u"$I30")
+                         .bytes();
+        std::vector<std::uint8_t> info(0x48, 0);
+        put32(info, 0x20, 0x20); // archive
+        records[20] = Record()
+                          .resident(attr::kStandardInformation, info)
+                          .resident(attr::kFileName, fileName(5, u"hello.txt"))
+                          .resident(attr::kData, {'h', 'i', ' ', 't', 'h', 'e', 'r', 'e'})
+                          .bytes();
+        records[21] =
+            Record(1024, 3)
+                .resident(attr::kIndexRoot, indexRoot(indexEntries({}), 1024, true), u"$I30")
+                .nonResident(attr::kIndexAllocation, 0, 1, {0x21, 0x02, 0xC8, 0x00}, 1024, 1024,
+                             u"$I30")
+                .resident(attr::kBitmap, {0x01}, u"$I30")
+                .bytes();
+        place(image, 200 * 512, indexBlock(indexEntries({{22, fileName(21, u"deep.bin")}})));
+        records[22] = Record()
+                          .nonResident(attr::kData, 0, 5,
+                                       {0x21, 0x03, 0x96, 0x00, 0x01, 0x02, 0x11, 0x01, 0x0A},
+                                       6 * 512, 6 * 512)
+                          .bytes();
+    }
+
+    std::vector<std::uint8_t> assemble() const {
+        std::vector<std::uint8_t> out = image;
+        for (const auto& [number, bytes] : records)
+            place(out, recordOffset(number), bytes);
+        return out;
+    }
+
+    std::vector<std::uint8_t> image;
+    std::map<std::uint64_t, std::vector<std::uint8_t>> records;
+};
 
 } // namespace kestrow::test::mini

@@ -1,0 +1,138 @@
+// The backend end to end on an image file it opens itself (through the
+// host's own file calls, POSIX or Win32), without any outside tool: the
+// hand-built volume of MiniNtfs.h written to a temporary file.
+#include "MiniNtfs.h"
+
+#include <kestrow/Disks.h>
+#include <kestrow/Platform.h>
+
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+
+namespace {
+
+namespace platform = kestrow::platform;
+using kestrow::test::mini::MiniVolumeImage;
+
+platform::WideString wide(const std::string& text) {
+    return platform::WideString(text.begin(), text.end());
+}
+
+std::string narrow(const WCHAR* text) {
+    std::string out;
+    for (; *text != 0; ++text)
+        out.push_back(static_cast<char>(*text));
+    return out;
+}
+
+class AttachedImage : public testing::Test {
+protected:
+    void SetUp() override {
+        path =
+            std::filesystem::temp_directory_path() /
+            ("kestrow-mini-" +
+             std::to_string(std::chrono::steady_clock::now().time_since_epoch().count()) + ".img");
+        const std::vector<std::uint8_t> bytes = MiniVolumeImage().assemble();
+        std::ofstream(path, std::ios::binary)
+            .write(reinterpret_cast<const char*>(bytes.data()),
+                   static_cast<std::streamsize>(bytes.size()));
+        std::string error;
+        ASSERT_TRUE(platform::attachDisks({path.string()}, error)) << error;
+    }
+    void TearDown() override {
+        std::string error;
+        platform::attachDisks({}, error);
+        std::filesystem::remove(path);
+    }
+
+    static HANDLE open(const std::string& name, DWORD access = GENERIC_READ) {
+        return platform::CreateFileW(wide(name).c_str(), access, FILE_SHARE_READ | FILE_SHARE_WRITE,
+                                     nullptr, OPEN_EXISTING, 0, nullptr);
+    }
+
+    std::filesystem::path path;
+};
+
+TEST_F(AttachedImage, VolumeInformationFreeSpaceAndExtent) {
+    ASSERT_EQ(platform::attachedVolumes().size(), 1u);
+    WCHAR label[32] = {};
+    WCHAR fileSystem[32] = {};
+    DWORD serial = 0;
+    ASSERT_TRUE(platform::GetVolumeInformationW(wide("\\\\.\\C:\\").c_str(), label, 32, &serial,
+                                                nullptr, nullptr, fileSystem, 32));
+    EXPECT_EQ(narrow(label), "MINI");
+    EXPECT_EQ(narrow(fileSystem), "NTFS");
+    EXPECT_EQ(serial, 0x55667788u);
+    DWORD spc = 0, bps = 0, freeClusters = 0, total = 0;
+    ASSERT_TRUE(
+        platform::GetDiskFreeSpaceW(wide("C:\\").c_str(), &spc, &bps, &freeClusters, &total));
+    EXPECT_EQ(spc, 1u);
+    EXPECT_EQ(bps, 512u);
+    EXPECT_EQ(total, 256u);
+    EXPECT_EQ(freeClusters, 244u);
+
+    HANDLE volume = open("\\\\?\\C:", GENERIC_READ | GENERIC_WRITE);
+    ASSERT_NE(volume, INVALID_HANDLE_VALUE);
+    VOLUME_DISK_EXTENTS extents{};
+    DWORD returned = 0;
+    ASSERT_TRUE(platform::DeviceIoControl(volume, IOCTL_VOLUME_GET_VOLUME_DISK_EXTENTS, nullptr, 0,
+                                          &extents, sizeof extents, &returned, nullptr));
+    EXPECT_EQ(extents.Extents[0].ExtentLength.QuadPart, 256 * 512);
+    NTFS_VOLUME_DATA_BUFFER data{};
+    ASSERT_TRUE(platform::DeviceIoControl(volume, FSCTL_GET_NTFS_VOLUME_DATA, nullptr, 0, &data,
+                                          sizeof data, &returned, nullptr));
+    EXPECT_EQ(data.BytesPerFileRecordSegment, 1024u);
+    EXPECT_EQ(data.MftStartLcn.QuadPart, 16);
+    EXPECT_EQ(data.FreeClusters.QuadPart, 244);
+    EXPECT_TRUE(platform::CloseHandle(volume));
+}
+
+TEST_F(AttachedImage, FilesResolveReadAndMapTheirRuns) {
+    EXPECT_EQ(platform::GetFileAttributesW(wide("C:\\HELLO.TXT").c_str()), 0x20u);
+    EXPECT_NE(platform::GetFileAttributesW(wide("C:\\Sub").c_str()) & FILE_ATTRIBUTE_DIRECTORY, 0u);
+
+    HANDLE hello = open("\\\\.\\C:\\hello.txt");
+    ASSERT_NE(hello, INVALID_HANDLE_VALUE);
+    char text[32] = {};
+    DWORD got = 0;
+    ASSERT_TRUE(platform::ReadFile(hello, text, sizeof text, &got, nullptr));
+    EXPECT_EQ(std::string(text, got), "hi there");
+    platform::CloseHandle(hello);
+
+    HANDLE deep = open("C:\\Sub\\deep.bin", 0);
+    ASSERT_NE(deep, INVALID_HANDLE_VALUE);
+    STARTING_VCN_INPUT_BUFFER input{};
+    std::uint8_t out[16 + 3 * 16] = {};
+    DWORD returned = 0;
+    ASSERT_TRUE(platform::DeviceIoControl(deep, FSCTL_GET_RETRIEVAL_POINTERS, &input, sizeof input,
+                                          out, sizeof out, &returned, nullptr));
+    EXPECT_EQ(returned, sizeof out);
+    LONGLONG pairs[6];
+    std::memcpy(pairs, out + 16, sizeof pairs);
+    const LONGLONG expected[6] = {3, 150, 5, -1, 6, 160};
+    for (int i = 0; i < 6; ++i)
+        EXPECT_EQ(pairs[i], expected[i]) << i;
+    platform::CloseHandle(deep);
+}
+
+TEST_F(AttachedImage, DiskHandleReadsTheImageUnderDeviceRules) {
+    HANDLE disk = open("\\\\.\\PhysicalDrive0", GENERIC_READ | GENERIC_WRITE);
+    ASSERT_NE(disk, INVALID_HANDLE_VALUE);
+    std::vector<std::uint8_t> sector(1024);
+    LARGE_INTEGER at;
+    at.QuadPart = 16 * 512; // MFT record 0
+    ASSERT_TRUE(platform::SetFilePointerEx(disk, at, nullptr, FILE_BEGIN));
+    DWORD got = 0;
+    ASSERT_TRUE(platform::ReadFile(disk, sector.data(), 1024, &got, nullptr));
+    EXPECT_EQ(got, 1024u);
+    EXPECT_EQ(std::memcmp(sector.data(), "FILE", 4), 0);
+    EXPECT_FALSE(platform::ReadFile(disk, sector.data(), 1000, &got, nullptr));
+    EXPECT_EQ(platform::GetLastError(), static_cast<DWORD>(ERROR_INVALID_PARAMETER));
+    platform::CloseHandle(disk);
+}
+
+} // namespace
