@@ -267,9 +267,11 @@ inline constexpr std::string_view kDeletedRootFile = "gone.txt";
 
 // Files created to grow the $MFT past clusters that were already taken, so
 // that its $DATA has many runs, not in ascending cluster order (plug-N holds
-// one cluster, plug-N-record-M.txt are empty). Deleted filler files
+// one cluster, plug-N-record-M.txt are empty). Filler files
 // (MftGrowth/filler-N.bin, Fragments/filler-N.bin, Fragments/more/...) and
-// every other Fragments/comb/tooth-N are left behind as deleted records too.
+// every other Fragments/comb/tooth-N were deleted along the way; later files
+// and extension records reuse some of their records, so only the items of
+// the Trash group and gone.txt are sure to be found as deleted.
 inline constexpr std::string_view kMftGrowthDir = "MftGrowth";
 inline constexpr int kMftGrowthRounds = 6;
 inline constexpr int kMftGrowthRecordsPerRound = 24;
