@@ -7,6 +7,8 @@
 // not parse throws OracleError with the command and the offending text.
 // `sectorOffset` is where the NTFS volume starts in the image, in 512-byte
 // sectors (The Sleuth Kit's -o); NTFS-3G's tools only take whole volumes.
+// The tools run through a POSIX shell: these helpers are for the Linux build
+// host (the Windows cross build compiles them but has no tools to run).
 #pragma once
 
 #include <cstdint>
