@@ -5,6 +5,7 @@
 
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <thread>
 
 namespace {
@@ -27,15 +28,25 @@ TEST(ErrorText, WindowsEnglishTextsWithTheirLineEnd) {
 }
 
 TEST(LastError, IsKeptPerThread) {
-    platform::SetLastError(ERROR_MORE_DATA);
+    // The main thread reads its value back before join(): on Windows that is
+    // the system's last error, which the waiting calls may overwrite.
+    std::atomic<int> stage{0};
     DWORD seenByOther = 1;
     std::thread other([&] {
+        while (stage.load() != 1)
+            std::this_thread::yield();
         seenByOther = platform::GetLastError();
         platform::SetLastError(ERROR_CRC);
+        stage = 2;
     });
+    platform::SetLastError(ERROR_MORE_DATA);
+    stage = 1;
+    while (stage.load() != 2)
+        std::this_thread::yield();
+    const DWORD mine = platform::GetLastError();
     other.join();
     EXPECT_EQ(seenByOther, 0u);
-    EXPECT_EQ(platform::GetLastError(), static_cast<DWORD>(ERROR_MORE_DATA));
+    EXPECT_EQ(mine, static_cast<DWORD>(ERROR_MORE_DATA));
 }
 
 TEST(StructuredException, RaiseThrowsTheCode) {
@@ -47,14 +58,17 @@ TEST(StructuredException, RaiseThrowsTheCode) {
     }
 }
 
+// The backend's answer (on Windows without disks the system's own answer,
+// which does not survive a null pointer).
 TEST(MemoryStatus, ComesFromTheHostAndChecksTheLength) {
+    platform::Api& backend = platform::diskImageApi();
     MEMORYSTATUSEX status{};
     status.dwLength = 60;
-    EXPECT_FALSE(platform::GlobalMemoryStatusEx(&status));
-    EXPECT_EQ(platform::GetLastError(), static_cast<DWORD>(ERROR_INVALID_PARAMETER));
-    EXPECT_FALSE(platform::GlobalMemoryStatusEx(nullptr));
+    EXPECT_FALSE(backend.GlobalMemoryStatusEx(&status));
+    EXPECT_EQ(backend.GetLastError(), static_cast<DWORD>(ERROR_INVALID_PARAMETER));
+    EXPECT_FALSE(backend.GlobalMemoryStatusEx(nullptr));
     status.dwLength = sizeof status;
-    ASSERT_TRUE(platform::GlobalMemoryStatusEx(&status));
+    ASSERT_TRUE(backend.GlobalMemoryStatusEx(&status));
     EXPECT_GT(status.ullTotalPhys, 0u);
     EXPECT_GT(status.ullAvailPhys, 0u);
     EXPECT_LE(status.ullAvailPhys, status.ullTotalPhys);
