@@ -857,12 +857,17 @@ TEST(MftClusterOwners, LastActiveRecordAndOwnerSearch) {
     resident.name = u"resident";
     resident.residentDataLength = 5;
     drive.writeRecord(25, resident);
+    drive.writeRecord(12, resident);
     OpenedTable opened(drive);
     MasterFileTable& table = opened.table();
     ASSERT_TRUE(table.initialized());
 
     EXPECT_EQ(table.getLastActiveRecord().index, 20u);
     EXPECT_EQ(table.getLastActiveRecord().sequence, 0u);
+    // The downward scan summarised what it passed, and nothing below its stop.
+    EXPECT_TRUE(table.getRecordHashTable().contains(25));
+    EXPECT_TRUE(table.getRecordHashTable().contains(20));
+    EXPECT_FALSE(table.getRecordHashTable().contains(12));
 
     // Drive-relative numbering: the volume starts at cluster 256 of its disk.
     const std::uint64_t base = drive.geometry().volumeOffset / drive.bytesPerCluster();
