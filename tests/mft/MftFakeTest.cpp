@@ -592,6 +592,29 @@ TEST(MftNotInitialised, EveryCheckingOperationSaysSo) {
     EXPECT_FALSE(table.getDataAtSector(0, 512, data));
 }
 
+TEST(MftTraceScopes, NameTheirFunctionAndLine) {
+    FakeMftDrive drive(oneRunGeometry(64));
+    LogCapture log(orv::LoggerPriority::LP_TRACE);
+    OpenedTable opened(drive);
+    MasterFileTable& table = opened.table();
+    ASSERT_TRUE(table.initialized());
+    table.getLastActiveRecord();
+    FileReference ref(0, 0);
+    table.findRecordCluster(1, ref);
+    orv::Array<FileReference> refs;
+    table.findRecordClusterInMft(1, refs);
+    table.buildRecordMap();
+    orv::Array<FileRecord> records;
+    table.findMftRecordsByPath(orv::String("x"), records);
+    for (const char* line :
+         {"> MasterFileTable() (MasterFileTable:45)", "> getLastActiveRecord (MasterFileTable:409)",
+          "> findRecordCluster (MasterFileTable:438)",
+          "> findRecordClusterInMft (MasterFileTable:467)",
+          "> buildRecordMap (MasterFileTable:524)", "> findMftRecordsByPath (MasterFileTable:551)",
+          "< findMftRecordsByPath"})
+        EXPECT_TRUE(log.contains(line)) << line;
+}
+
 // ---- Copies ----------------------------------------------------------------------------------
 
 TEST(MftCopies, ACopySharesTheDriveHandle) {
