@@ -98,8 +98,8 @@ std::vector<std::uint8_t> buildRecord(std::uint32_t recordSize, const RecordSpec
         put16(record, at + 0x0A, 0x40);
         put64(record, at + 0x18, spec.dataRun->count - 1);
         put16(record, at + 0x20, 0x40);
-        // Sizes are in clusters times 512 at least; the parser checks the
-        // run against allocated size / cluster size, so make it generous.
+        // The decoder refuses runs beyond allocated size / cluster size: an
+        // allocated size of 64 KiB per cluster passes with any cluster size.
         put64(record, at + 0x28, std::uint64_t(spec.dataRun->count) * 65536);
         put64(record, at + 0x30, std::uint64_t(spec.dataRun->count) * 512);
         put64(record, at + 0x38, std::uint64_t(spec.dataRun->count) * 512);
