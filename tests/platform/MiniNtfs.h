@@ -165,7 +165,7 @@ indexEntries(const std::vector<std::pair<std::uint64_t, std::vector<std::uint8_t
 // An $INDEX_ROOT value over $FILE_NAME holding `entries`.
 inline std::vector<std::uint8_t> indexRoot(const std::vector<std::uint8_t>& entries,
                                            std::uint32_t blockSize = 1024, bool large = false) {
-    std::vector<std::uint8_t> v(0x20, 0);
+    std::vector<std::uint8_t> v(0x20 + entries.size(), 0);
     put32(v, 0, 0x30);
     put32(v, 4, 1);
     put32(v, 8, blockSize);
@@ -174,7 +174,7 @@ inline std::vector<std::uint8_t> indexRoot(const std::vector<std::uint8_t>& entr
     put32(v, 0x14, static_cast<std::uint32_t>(0x10 + entries.size()));
     put32(v, 0x18, static_cast<std::uint32_t>(0x10 + entries.size()));
     v[0x1C] = large ? 1 : 0;
-    v.insert(v.end(), entries.begin(), entries.end());
+    std::copy(entries.begin(), entries.end(), v.begin() + 0x20);
     return v;
 }
 

@@ -53,11 +53,12 @@ std::vector<std::uint8_t> fat32BootSector() {
 }
 
 std::vector<std::uint8_t> ntfsBoot(std::uint16_t bytesPerSector = 512) {
-    auto b = bootSector(16384, 4);
-    put16(b, 0x0B, bytesPerSector);
-    if (bytesPerSector == 4096)
-        b.resize(4096, 0), put16(b, 0x1FE, 0xAA55);
-    return b;
+    std::vector<std::uint8_t> sector = bootSector(16384, 4);
+    put16(sector, 0x0B, bytesPerSector);
+    // A 4 KiB sector keeps the 512-byte boot sector at its start.
+    std::vector<std::uint8_t> whole(bytesPerSector, 0);
+    std::copy(sector.begin(), sector.end(), whole.begin());
+    return whole;
 }
 
 TEST(BootSector, RecognisesNtfsFatAndExfat) {
