@@ -8,10 +8,12 @@
 
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <chrono>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
+#include <thread>
 
 namespace {
 
@@ -133,6 +135,55 @@ TEST_F(AttachedImage, DiskHandleReadsTheImageUnderDeviceRules) {
     EXPECT_FALSE(platform::ReadFile(disk, sector.data(), 1000, &got, nullptr));
     EXPECT_EQ(platform::GetLastError(), static_cast<DWORD>(ERROR_INVALID_PARAMETER));
     platform::CloseHandle(disk);
+}
+
+} // namespace
+
+namespace {
+
+TEST_F(AttachedImage, HandlesKeepTheirOwnPositionsAcrossThreads) {
+    const std::vector<std::uint8_t> expected = MiniVolumeImage().assemble();
+    std::vector<std::thread> readers;
+    std::atomic<int> mismatches{0};
+    for (int t = 0; t < 4; ++t) {
+        readers.emplace_back([&, t] {
+            HANDLE disk = open("\\\\.\\PhysicalDrive0");
+            if (disk == INVALID_HANDLE_VALUE) {
+                ++mismatches;
+                return;
+            }
+            std::vector<std::uint8_t> sector(512);
+            for (int round = 0; round < 200; ++round) {
+                const std::uint64_t index = static_cast<std::uint64_t>((t * 37 + round * 11) % 256);
+                LARGE_INTEGER at;
+                at.QuadPart = static_cast<LONGLONG>(index * 512);
+                DWORD got = 0;
+                if (!platform::SetFilePointerEx(disk, at, nullptr, FILE_BEGIN) ||
+                    !platform::ReadFile(disk, sector.data(), 512, &got, nullptr) || got != 512 ||
+                    std::memcmp(sector.data(), expected.data() + index * 512, 512) != 0)
+                    ++mismatches;
+            }
+            platform::CloseHandle(disk);
+        });
+    }
+    for (auto& reader : readers)
+        reader.join();
+    EXPECT_EQ(mismatches.load(), 0);
+}
+
+TEST_F(AttachedImage, ReattachingKeepsOpenHandlesUsable) {
+    HANDLE disk = open("\\\\.\\PhysicalDrive0");
+    ASSERT_NE(disk, INVALID_HANDLE_VALUE);
+    std::string error;
+    ASSERT_TRUE(platform::attachDisks({}, error));
+    EXPECT_FALSE(platform::disksAttached());
+    std::vector<std::uint8_t> sector(512);
+    DWORD got = 0;
+    EXPECT_TRUE(platform::ReadFile(disk, sector.data(), 512, &got, nullptr));
+    EXPECT_EQ(got, 512u);
+    EXPECT_TRUE(platform::CloseHandle(disk));
+    EXPECT_EQ(open("\\\\.\\PhysicalDrive0"), INVALID_HANDLE_VALUE);
+    EXPECT_EQ(platform::GetLastError(), static_cast<DWORD>(ERROR_FILE_NOT_FOUND));
 }
 
 } // namespace
