@@ -94,6 +94,23 @@ const orv::String& residentTypeName(std::uint32_t typeCode) {
 
 // ---- Summaries ----------------------------------------------------------------
 
+FileReference FileReference::operator++() noexcept {
+    index = (index + 1) & INDEX_MASK;
+    return FileReference(index, 0);
+}
+
+FileReference FileReference::operator++(int) noexcept {
+    const unsigned long long old = index;
+    index = (old + 1) & INDEX_MASK;
+    return FileReference(old, 0);
+}
+
+AttributeSummary::AttributeSummary() noexcept : name(), resident(false) {}
+
+bool ClusterRange::operator==(const ClusterRange& other) const noexcept {
+    return count == other.count && start == other.start;
+}
+
 RecordSummary::RecordSummary(const FileRecord& record)
     : mftIndex(record.mftIndex()), parentMftIndex(record.parentMftIndex()), name(record.name()),
       fileAttributes(record.getFileAttributes()), creationTime(record.getCreationTime()),

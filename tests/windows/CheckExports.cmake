@@ -7,6 +7,7 @@
 #
 # EXPECTED holds one entry per line ('#' starts a comment):
 #   type <Name>          at least one exported symbol is a member of <Name>
+#   structure <Name>     <Name> appears in the signature of an exported symbol
 #   symbol <signature>   this demangled symbol is exported
 cmake_minimum_required(VERSION 3.25)
 
@@ -78,6 +79,18 @@ foreach(line IN LISTS expectations)
     endforeach()
     if(NOT found)
       list(APPEND missing "no member of ${type}")
+    endif()
+  elseif(line MATCHES "^structure (.+)$")
+    set(type "${CMAKE_MATCH_1}")
+    set(found FALSE)
+    foreach(name IN LISTS demangled)
+      if(name MATCHES "[^A-Za-z0-9_:]${type}[^A-Za-z0-9_]")
+        set(found TRUE)
+        break()
+      endif()
+    endforeach()
+    if(NOT found)
+      list(APPEND missing "no signature with ${type}")
     endif()
   elseif(line MATCHES "^symbol (.+)$")
     set(symbol "${CMAKE_MATCH_1}")

@@ -43,16 +43,11 @@ struct KESTROW_API FileReference {
     static constexpr FileReference ROOT_MFT_RECORD() noexcept { return FileReference(5, 0); }
 
     // Both increments step this reference's index (modulo 2^48) and keep its
-    // sequence; the value they yield carries sequence 0.
-    FileReference operator++() noexcept {
-        index = (index + 1) & INDEX_MASK;
-        return FileReference(index, 0);
-    }
-    FileReference operator++(int) noexcept {
-        const unsigned long long old = index;
-        index = (old + 1) & INDEX_MASK;
-        return FileReference(old, 0);
-    }
+    // sequence; the value they yield carries sequence 0. (Defined in the
+    // library, so that the structure has entries of its own in the DLL's
+    // export table whatever the compiler does with inline members.)
+    FileReference operator++() noexcept;
+    FileReference operator++(int) noexcept;
 
     bool operator==(const FileReference& other) const noexcept { return index == other.index; }
     bool operator!=(const FileReference& other) const noexcept { return index != other.index; }
@@ -88,7 +83,7 @@ struct KESTROW_API AttributeSummary {
     orv::String name;
     bool resident;
 
-    AttributeSummary() noexcept : name(), resident(false) {}
+    AttributeSummary() noexcept; // defined in the library, as FileReference's increments
     AttributeSummary(const AttributeSummary&) = default;
     AttributeSummary(AttributeSummary&&) noexcept = default;
     AttributeSummary& operator=(const AttributeSummary&) = default;
@@ -106,9 +101,8 @@ struct KESTROW_API ClusterRange {
     constexpr ClusterRange(unsigned long long count_, unsigned long long start_) noexcept
         : count(count_), start(start_) {}
 
-    bool operator==(const ClusterRange& other) const noexcept {
-        return count == other.count && start == other.start;
-    }
+    // Defined in the library, as FileReference's increments.
+    bool operator==(const ClusterRange& other) const noexcept;
     bool operator!=(const ClusterRange& other) const noexcept { return !(*this == other); }
 };
 
