@@ -6,10 +6,14 @@
 // names of the exported members. The library's headers are included only for
 // the layouts of the objects and their inline accessors.
 //
-// Usage: kestrow_dll_host <expected label of D:> [<path of libKestrow.dll>]
-// The disks come from KESTROW_DISKS, with disk-mbr.img as the second disk, so
-// that its NTFS partition answers as D: (the first disk, an NTFS volume of its
-// own, takes C:). The exit status is 0 when every check passed.
+// Usage:
+//   kestrow_dll_host image <expected label of D:> [<path of libKestrow.dll>]
+//     The disks come from KESTROW_DISKS, with disk-mbr.img as the second disk,
+//     so that its NTFS partition answers as D: (the first disk, an NTFS volume
+//     of its own, takes C:): the DLL's disk-image backend.
+//   kestrow_dll_host system [<path of libKestrow.dll>]
+//     No disks: the DLL's real Win32 path, on the system's drive C:.
+// The exit status is 0 when every check passed.
 #include <libKestrow/FileRecord.h>
 #include <libKestrow/MasterFileTable.h>
 #include <libKestrow/Version.h>
@@ -41,10 +45,10 @@ std::string narrow(const orv::String& text) {
 }
 
 // The DLL beside this program, unless a path is given.
-std::wstring libraryPath(int argc, char** argv) {
-    if (argc > 2) {
-        const std::string given = argv[2];
-        return std::wstring(given.begin(), given.end());
+std::wstring libraryPath(const char* given) {
+    if (given != nullptr) {
+        const std::string text = given;
+        return std::wstring(text.begin(), text.end());
     }
     wchar_t self[MAX_PATH] = {};
     const DWORD length = GetModuleFileNameW(nullptr, self, MAX_PATH);
@@ -132,18 +136,54 @@ void checkVolumeAndTable(Library& library, const std::string& expectedLabel) {
     library.volumeDestroy(volume.get());
 }
 
+// With no disks attached the DLL asks Windows itself: the volume's name and
+// file system are what GetVolumeInformationW says for the same root. Whether
+// the volume opens depends on the system (administrator rights, a real NTFS
+// volume; under Wine it never does), so that is only reported.
+void checkSystemVolume(Library& library) {
+    wchar_t label[MAX_PATH + 1] = {};
+    wchar_t fileSystem[MAX_PATH + 1] = {};
+    const bool known = ::GetVolumeInformationW(L"\\\\.\\C:\\", label, MAX_PATH + 1, nullptr,
+                                               nullptr, nullptr, fileSystem, MAX_PATH + 1) != 0;
+    std::string expectedLabel;
+    std::string expectedFileSystem;
+    for (const wchar_t* c = label; known && *c != 0; ++c)
+        expectedLabel += *c < 0x80 ? static_cast<char>(*c) : '?';
+    for (const wchar_t* c = fileSystem; known && *c != 0; ++c)
+        expectedFileSystem += *c < 0x80 ? static_cast<char>(*c) : '?';
+
+    Slot<Volume> volume;
+    library.volumeConstruct(volume.get(), 'C');
+    std::printf("C: \"%s\" %s, %s\n", narrow(volume.get()->name()).c_str(),
+                narrow(volume.get()->fileSystem()).c_str(),
+                library.volumeInitialized(volume.get()) ? "opened" : "not opened");
+    check(narrow(volume.get()->name()) == expectedLabel, "C: has the label Windows reports");
+    check(narrow(volume.get()->fileSystem()) == expectedFileSystem,
+          "C: has the file system Windows reports");
+    library.volumeDestroy(volume.get());
+}
+
 } // namespace
 
 int main(int argc, char** argv) {
-    if (argc < 2) {
-        std::fprintf(stderr, "usage: %s <expected label of D:> [<libKestrow.dll>]\n", argv[0]);
+    const std::string mode = argc > 1 ? argv[1] : "";
+    const bool imageMode = mode == "image" && argc > 2;
+    if (!imageMode && mode != "system") {
+        std::fprintf(stderr,
+                     "usage: %s image <expected label of D:> [<libKestrow.dll>]\n"
+                     "       %s system [<libKestrow.dll>]\n",
+                     argv[0], argv[0]);
         return 2;
     }
-    const std::string expectedLabel = argv[1];
     const char* disks = std::getenv("KESTROW_DISKS");
     std::printf("KESTROW_DISKS=%s\n", disks != nullptr ? disks : "(not set)");
+    if (!imageMode && disks != nullptr && *disks != '\0') {
+        std::printf("FAILED: KESTROW_DISKS must not be set for the system's volumes\n");
+        return 1;
+    }
 
-    const std::wstring path = libraryPath(argc, argv);
+    const int dllArgument = imageMode ? 3 : 2;
+    const std::wstring path = libraryPath(argc > dllArgument ? argv[dllArgument] : nullptr);
     Library library;
     library.module = LoadLibraryW(path.c_str());
     if (library.module == nullptr) {
@@ -156,7 +196,10 @@ int main(int argc, char** argv) {
 
     check(std::strcmp(library.version(), KESTROW_EXPECTED_VERSION) == 0,
           "kestrowVersion() names this build's version");
-    checkVolumeAndTable(library, expectedLabel);
+    if (imageMode)
+        checkVolumeAndTable(library, argv[2]);
+    else
+        checkSystemVolume(library);
 
     check(FreeLibrary(library.module) != 0, "FreeLibrary releases the library");
     std::printf("%d check(s) failed\n", g_failures);
