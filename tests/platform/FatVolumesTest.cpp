@@ -9,6 +9,7 @@
 #include <gtest/gtest.h>
 
 #include <bit>
+#include <chrono>
 #include <filesystem>
 #include <fstream>
 #include <regex>
@@ -52,8 +53,12 @@ struct Expected {
 class FatVolumes : public testing::Test {
 protected:
     static void SetUpTestSuite() {
-        directory =
-            std::filesystem::temp_directory_path() / ("kestrow-fat-" + std::to_string(::getpid()));
+        // mkfs.fat -C refuses an existing file: start from an empty directory
+        // of our own, whatever an earlier run left behind.
+        directory = std::filesystem::temp_directory_path() /
+                    ("kestrow-fat-" + std::to_string(::getpid()) + "-" +
+                     std::to_string(std::chrono::steady_clock::now().time_since_epoch().count()));
+        std::filesystem::remove_all(directory);
         std::filesystem::create_directories(directory);
         const std::string fat12 = (directory / "fat12.img").string();
         const std::string fat16 = (directory / "fat16.img").string();
