@@ -335,6 +335,11 @@ BOOL DiskImageApi::readFileData(const OpenObject& object, HANDLE handle, LPVOID 
     const auto data = std::find_if(attributes.begin(), attributes.end(), [](const auto& a) {
         return a.type == disk::attr::kData && a.name.empty();
     });
+    // Compressed and encrypted streams would need decoding this reader does
+    // not do: refuse them rather than hand out their raw clusters as content.
+    if (data != attributes.end() &&
+        (data->flags & (disk::attrFlag::kCompressed | disk::attrFlag::kEncrypted)) != 0)
+        return fail(ERROR_NOT_SUPPORTED);
     std::size_t got = 0;
     if (data != attributes.end()) {
         if (const DWORD error = object.volume->ntfs->readAttribute(*data, object.position, buffer,

@@ -29,6 +29,7 @@ constexpr std::size_t kLength = 0x04;
 constexpr std::size_t kNonResident = 0x08;
 constexpr std::size_t kNameLength = 0x09;
 constexpr std::size_t kNameOffset = 0x0A;
+constexpr std::size_t kFlags = 0x0C;
 constexpr std::size_t kResidentValueLength = 0x10;
 constexpr std::size_t kResidentValueOffset = 0x14;
 constexpr std::size_t kLowestVcn = 0x10;
@@ -132,6 +133,7 @@ void parseRecordAttributes(const std::vector<std::uint8_t>& record,
         NtfsAttribute& attribute = piece.attribute;
         attribute.type = type;
         attribute.nonResident = header.u8(attrHeader::kNonResident) != 0;
+        attribute.flags = header.u16(attrHeader::kFlags);
         attribute.name = utf16At(header, header.u16(attrHeader::kNameOffset),
                                  header.u8(attrHeader::kNameLength));
         if (!attribute.nonResident) {

@@ -57,11 +57,18 @@ constexpr std::uint32_t kBitmap = 0xB0;
 constexpr std::uint32_t kEnd = 0xFFFFFFFF;
 } // namespace attr
 
+namespace attrFlag {
+constexpr std::uint16_t kCompressed = 0x0001;
+constexpr std::uint16_t kEncrypted = 0x4000;
+constexpr std::uint16_t kSparse = 0x8000;
+} // namespace attrFlag
+
 // One attribute of a file, its pieces from all extension records merged.
 struct NtfsAttribute {
     std::uint32_t type = 0;
     std::u16string name;
     bool nonResident = false;
+    std::uint16_t flags = 0;         // kCompressed, kEncrypted, kSparse
     std::vector<std::uint8_t> value; // resident value
     std::uint64_t allocatedSize = 0; // non-resident sizes, from the piece at VCN 0
     std::uint64_t dataSize = 0;

@@ -121,6 +121,28 @@ TEST_F(AttachedImage, FilesResolveReadAndMapTheirRuns) {
     platform::CloseHandle(deep);
 }
 
+TEST_F(AttachedImage, CompressedStreamsAreMappedButNotReadAsPlainBytes) {
+    HANDLE packed = open("C:\\packed.bin");
+    ASSERT_NE(packed, INVALID_HANDLE_VALUE);
+    char buffer[512];
+    DWORD got = 7;
+    EXPECT_FALSE(platform::ReadFile(packed, buffer, sizeof buffer, &got, nullptr));
+    EXPECT_EQ(platform::GetLastError(), static_cast<DWORD>(ERROR_NOT_SUPPORTED));
+    EXPECT_EQ(got, 0u);
+    STARTING_VCN_INPUT_BUFFER input{};
+    std::uint8_t out[16 + 2 * 16] = {};
+    DWORD returned = 0;
+    ASSERT_TRUE(platform::DeviceIoControl(packed, FSCTL_GET_RETRIEVAL_POINTERS, &input,
+                                          sizeof input, out, sizeof out, &returned, nullptr));
+    LONGLONG pairs[4];
+    std::memcpy(pairs, out + 16, sizeof pairs);
+    EXPECT_EQ(pairs[0], 4);
+    EXPECT_EQ(pairs[1], 170);
+    EXPECT_EQ(pairs[2], 16);
+    EXPECT_EQ(pairs[3], -1); // the rest of the compression unit is not stored
+    platform::CloseHandle(packed);
+}
+
 TEST_F(AttachedImage, DiskHandleReadsTheImageUnderDeviceRules) {
     HANDLE disk = open("\\\\.\\PhysicalDrive0", GENERIC_READ | GENERIC_WRITE);
     ASSERT_NE(disk, INVALID_HANDLE_VALUE);

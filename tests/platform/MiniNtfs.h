@@ -86,7 +86,8 @@ public:
 
     Record& nonResident(std::uint32_t type, std::uint64_t lowestVcn, std::uint64_t highestVcn,
                         const std::vector<std::uint8_t>& runList, std::uint64_t allocated,
-                        std::uint64_t dataSize, const std::u16string& name = u"") {
+                        std::uint64_t dataSize, const std::u16string& name = u"",
+                        std::uint16_t flags = 0) {
         const std::size_t nameBytes = name.size() * 2;
         const std::size_t runsOffset = align(0x40 + nameBytes);
         const std::size_t length = align(runsOffset + runList.size() + 1);
@@ -96,6 +97,7 @@ public:
         a[8] = 1;
         a[9] = static_cast<std::uint8_t>(name.size());
         put16(a, 0x0A, 0x40);
+        put16(a, 0x0C, flags);
         put64(a, 0x10, lowestVcn);
         put64(a, 0x18, highestVcn);
         put16(a, 0x20, static_cast<std::uint16_t>(runsOffset));
@@ -266,7 +268,8 @@ struct MiniVolumeImage {
         records[5] = Record(1024, 3)
                          .resident(attr::kIndexRoot,
                                    indexRoot(indexEntries({{20, fileName(5, u"hello.txt")},
-                                                           {21, fileName(5, u"Sub", 0x10000000)}})),
+                                                           {21, fileName(5, u"Sub", 0x10000000)},
+                                                           {23, fileName(5, u"packed.bin")}})),
                                    u"$I30")
                          .bytes();
         std::vector<std::uint8_t> info(0x48, 0);
@@ -288,6 +291,11 @@ struct MiniVolumeImage {
                           .nonResident(attr::kData, 0, 5,
                                        {0x21, 0x03, 0x96, 0x00, 0x01, 0x02, 0x11, 0x01, 0x0A},
                                        6 * 512, 6 * 512)
+                          .bytes();
+        // packed.bin: a compressed stream of 16 clusters, 4 stored at LCN 170.
+        records[23] = Record()
+                          .nonResident(attr::kData, 0, 15, {0x21, 0x04, 0xAA, 0x00, 0x01, 0x0C},
+                                       16 * 512, 16 * 512, u"", 0x0001)
                           .bytes();
     }
 
