@@ -7,7 +7,7 @@ packages=(
   cmake ninja-build g++ make pkg-config
   googletest libgtest-dev libgmock-dev libbenchmark-dev
   clang libclang-rt-14-dev
-  ntfs-3g ntfs-3g-dev sleuthkit fdisk gdisk dosfstools
+  ntfs-3g ntfs-3g-dev sleuthkit fdisk gdisk dosfstools exfatprogs
 )
 if [ "${KESTROW_WINDOWS:-0}" = 1 ]; then
   # The Windows cross build and Wine to run it (scripts/windows-ci.sh).
