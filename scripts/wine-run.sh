@@ -12,7 +12,10 @@
 # its services; keeping the server alive for a while between programs makes
 # each further start cost a fraction of a second. `wineserver -k` with the
 # same WINEPREFIX stops it early.
-set -euo pipefail
+set -Eeuo pipefail
+# A failure of this script itself, not of the program, must say so: a test
+# that fails without output would leave nothing to go on.
+trap 'echo "$0: failed (status $?) at line $LINENO" >&2' ERR
 
 if [ $# -lt 2 ]; then
   echo "usage: $0 <wine prefix dir> <program> [args...]" >&2
