@@ -193,19 +193,34 @@ TEST_F(AttachedImage, HandlesKeepTheirOwnPositionsAcrossThreads) {
     EXPECT_EQ(mismatches.load(), 0);
 }
 
-TEST_F(AttachedImage, ReattachingKeepsOpenHandlesUsable) {
-    HANDLE disk = open("\\\\.\\PhysicalDrive0");
-    ASSERT_NE(disk, INVALID_HANDLE_VALUE);
+TEST_F(AttachedImage, ReattachingKeepsOpenHandlesOnTheirOwnDisk) {
+    HANDLE before = open("\\\\.\\PhysicalDrive0");
+    ASSERT_NE(before, INVALID_HANDLE_VALUE);
+    // A second disk of zeros replaces the first.
+    const std::filesystem::path zeros = path.string() + ".zeros";
+    std::ofstream(zeros, std::ios::binary).close();
+    std::filesystem::resize_file(zeros, 64 * 1024);
     std::string error;
-    ASSERT_TRUE(platform::attachDisks({}, error));
-    EXPECT_FALSE(platform::disksAttached());
+    ASSERT_TRUE(platform::attachDisks({zeros.string()}, error)) << error;
+    EXPECT_TRUE(platform::attachedVolumes().empty());
+
     std::vector<std::uint8_t> sector(512);
     DWORD got = 0;
-    EXPECT_TRUE(platform::ReadFile(disk, sector.data(), 512, &got, nullptr));
-    EXPECT_EQ(got, 512u);
-    EXPECT_TRUE(platform::CloseHandle(disk));
-    EXPECT_EQ(open("\\\\.\\PhysicalDrive0"), INVALID_HANDLE_VALUE);
-    EXPECT_EQ(platform::GetLastError(), static_cast<DWORD>(ERROR_FILE_NOT_FOUND));
+    LARGE_INTEGER at;
+    at.QuadPart = 16 * 512;
+    ASSERT_TRUE(platform::SetFilePointerEx(before, at, nullptr, FILE_BEGIN));
+    EXPECT_TRUE(platform::ReadFile(before, sector.data(), 512, &got, nullptr));
+    EXPECT_EQ(std::memcmp(sector.data(), "FILE", 4), 0); // still the first image
+    EXPECT_TRUE(platform::CloseHandle(before));
+
+    HANDLE after = open("\\\\.\\PhysicalDrive0");
+    ASSERT_NE(after, INVALID_HANDLE_VALUE);
+    ASSERT_TRUE(platform::SetFilePointerEx(after, at, nullptr, FILE_BEGIN));
+    EXPECT_TRUE(platform::ReadFile(after, sector.data(), 512, &got, nullptr));
+    EXPECT_EQ(sector[0], 0u);
+    EXPECT_TRUE(platform::CloseHandle(after));
+    ASSERT_TRUE(platform::attachDisks({}, error));
+    std::filesystem::remove(zeros);
 }
 
 } // namespace

@@ -45,7 +45,10 @@ struct PinnedLetter {
 
 // Attaches these disks in place of any attached before (an empty list
 // detaches all). Returns false, with a message in `error`, when a path cannot
-// be opened for reading; nothing is attached then.
+// be opened for reading or a pinned letter names no volume (or is pinned
+// twice); nothing changes then. Handles opened before keep reading the disks
+// they were opened on. On Windows, detaching all disks hands every call back
+// to the system, so the backend's handles should be closed first.
 KESTROW_API bool attachDisks(const std::vector<std::string>& paths,
                              const std::vector<PinnedLetter>& pinned, std::string& error);
 KESTROW_API bool attachDisks(const std::vector<std::string>& paths, std::string& error);
