@@ -737,3 +737,9 @@ bool MasterFileTable::findRecordClusterInMft(unsigned long long cluster,
         refs.append(FileReference(recordBase + record, 0));
     return true;
 }
+
+bool MftExtent::operator==(const MftExtent& other) const {
+    return diskNumber == other.diskNumber && startSector == other.startSector &&
+           endSector == other.endSector && recordCount == other.recordCount &&
+           firstRecord == other.firstRecord;
+}

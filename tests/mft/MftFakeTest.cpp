@@ -325,15 +325,13 @@ TEST(MftRunLookup, TwoRunsOf100And50Records) {
     EXPECT_EQ(extent.recordCount, 100u);
     EXPECT_EQ(extent.firstRecord, 0u);
     ASSERT_TRUE(table.getExtentForFileRecord(FileReference(100, 7), extent));
-    EXPECT_EQ(extent.startSector, 1000u);
-    EXPECT_EQ(extent.recordCount, 50u);
-    EXPECT_EQ(extent.firstRecord, 100u);
+    EXPECT_TRUE(extent == (MftExtent{extent.diskNumber, 1000, 1100, 50, 100}));
 
     log.clear();
     MftExtent untouched{9, 9, 9, 9, 9};
     EXPECT_FALSE(table.getExtentForFileRecord(FileReference(150, 0), untouched));
     EXPECT_EQ(tableLines(log), std::vector<std::string>{"128 Getting MFT extent for file record"});
-    EXPECT_EQ(untouched.firstRecord, 9u);
+    EXPECT_TRUE(untouched == (MftExtent{9, 9, 9, 9, 9}));
 
     unsigned long long count = 0;
     EXPECT_TRUE(table.getNumMftRecords(count));

@@ -23,6 +23,8 @@ struct KESTROW_API MftExtent {
     unsigned long long endSector;
     unsigned long long recordCount;
     unsigned long long firstRecord;
+
+    bool operator==(const MftExtent& other) const;
 };
 
 class KESTROW_API MasterFileTable {
