@@ -10,7 +10,7 @@ namespace {
 
 enum class Length { Default, Char, Short, Long, LongLong, Int64, Size, IntMax, PtrDiff };
 
-// One conversion specification, as parsed from the format.
+// One conversion (flags, width, precision, length, type), as parsed from the format.
 struct Spec {
     std::string flags;
     std::string width;     // digits, or "*"
@@ -75,7 +75,7 @@ String wideText(const Char16* text, long precision) {
     return String(text, n);
 }
 
-// Parses the specification that starts after a '%'; returns the position
+// Parses the conversion that starts after a '%'; returns the position
 // after it, or null when the format ends inside it.
 const char* parseSpec(const char* p, Spec& spec) {
     while (*p != '\0' && std::strchr("-+ #0'", *p) != nullptr)

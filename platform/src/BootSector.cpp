@@ -171,8 +171,8 @@ std::optional<BootSector> parseFat(const LeView& view) {
         return std::nullopt;
     boot.totalClusters = (boot.totalSectors - boot.firstDataSector) / boot.sectorsPerCluster;
 
-    // The FAT type follows from the cluster count alone, as the FAT
-    // specification (and Windows) decide it.
+    // The FAT type follows from the cluster count alone, as Microsoft's FAT
+    // documentation (and Windows) decide it.
     if (boot.totalClusters < 4085)
         boot.kind = FileSystemKind::Fat12;
     else if (boot.totalClusters < 65525)
