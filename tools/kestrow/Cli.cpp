@@ -70,7 +70,11 @@ constexpr const char* GENERAL_HELP =
     "options:\n"
     "  --disk PATH   attach a disk image or block device (repeatable); drive\n"
     "                letters are given from C: on, disk by disk. Without it,\n"
+#if defined(_WIN32)
+    "                KESTROW_DISKS (paths separated by ';') is used. Images\n"
+#else
     "                KESTROW_DISKS (paths separated by ':') is used. Images\n"
+#endif
     "                are only ever opened read-only.\n"
     "  --json        machine-readable output\n"
     "  -v            show the library's diagnostic log lines on stderr\n"
