@@ -130,6 +130,21 @@ TEST(IstatParser, ReadsExtensionAndUnallocatedRecords) {
     EXPECT_EQ(extension.attributes[0].name, "stream-21");
 }
 
+TEST(IstatParser, DirectoriesAreAllocatedToo) {
+    const auto root = parseIstat("MFT Entry Header Values:\n"
+                                 "Entry: 5        Sequence: 5\n"
+                                 "$LogFile Sequence Number: 0\n"
+                                 "Allocated Directory\n"
+                                 "Links: 1\n");
+    EXPECT_EQ(root.entry, 5u);
+    EXPECT_TRUE(root.allocated);
+    const auto gone = parseIstat("MFT Entry Header Values:\n"
+                                 "Entry: 70        Sequence: 3\n"
+                                 "Not Allocated Directory\n"
+                                 "Links: 0\n");
+    EXPECT_FALSE(gone.allocated);
+}
+
 TEST(IstatParser, ZeroClustersAreHolesExceptAtTheStartOfBoot) {
     IstatAttribute boot;
     boot.clusters = {0, 1, 2};

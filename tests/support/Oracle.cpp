@@ -378,9 +378,9 @@ IstatResult parseIstat(std::string_view text) {
                 sawEntry = true;
             } else if (trimmed.starts_with("Base File Record: ")) {
                 result.baseRecord = leadingNumber(trimmed.substr(18), "base record");
-            } else if (trimmed == "Allocated File") {
+            } else if (trimmed == "Allocated File" || trimmed == "Allocated Directory") {
                 result.allocated = true;
-            } else if (trimmed == "Not Allocated File") {
+            } else if (trimmed == "Not Allocated File" || trimmed == "Not Allocated Directory") {
                 result.allocated = false;
             } else if (trimmed.starts_with("Links: ")) {
                 result.links =
