@@ -84,6 +84,12 @@ void _HashTableRep::copyFrom(const _HashTableRep& other) {
 bool _HashTableRep::insert(unsigned int hash, _BucketBase* bucket, const void* key) {
     if (lookup(hash, key) != nullptr)
         return false;
+    link(hash, bucket);
+    return true;
+}
+
+
+void _HashTableRep::link(unsigned int hash, _BucketBase* bucket) {
     if (m_count >= m_chainCount * MAX_LOAD && m_chainCount < 0x40000000u)
         rehash(m_chainCount * 2 + 1);
     bucket->m_hash = hash;
@@ -91,7 +97,6 @@ bool _HashTableRep::insert(unsigned int hash, _BucketBase* bucket, const void* k
     bucket->m_next = chain;
     chain = bucket;
     ++m_count;
-    return true;
 }
 
 _BucketBase* _HashTableRep::lookup(unsigned int hash, const void* key) {

@@ -42,6 +42,10 @@ public:
     // Returns whether it was inserted.
     bool insert(unsigned int hash, _BucketBase* bucket, const void* key);
 
+    // Links the bucket into its chain without looking for an equal key: for
+    // callers that have just looked the key up themselves.
+    void link(unsigned int hash, _BucketBase* bucket);
+
     _BucketBase* lookup(unsigned int hash, const void* key);
     const _BucketBase* lookup(unsigned int hash, const void* key) const;
 
@@ -165,9 +169,7 @@ public:
         const unsigned int hash = HF::hash(key);
         if (m_rep.lookup(hash, &key) != nullptr)
             return false;
-        auto* bucket = new Bucket(key, value);
-        bucket->m_hash = hash;
-        m_rep.insert(hash, bucket, &key);
+        m_rep.link(hash, new Bucket(key, value));
         return true;
     }
 
