@@ -6,6 +6,10 @@
 // 4096-byte file records, else 1024; bit 7: diagnostics logged); bytes 1-4:
 // total clusters; bytes 5-8: the volume's first cluster on the disk; the rest
 // is the record buffer, and also the disk that index blocks are read from.
+//
+// The INDX target gives the disk a second meaning (DiskOrigin::FirstRead):
+// its bytes are what the disk holds from the first byte read on, so that a
+// seed holds a directory's index blocks whatever clusters its run list names.
 #pragma once
 
 #include <kestrow/Platform.h>
@@ -44,10 +48,15 @@ struct Geometry {
     DWORD bytesPerCluster() const { return bytesPerSector * sectorsPerCluster; }
 };
 
+// Where the disk bytes of the input lie on the disk.
+enum class DiskOrigin { Zero, FirstRead };
+
 class FuzzPlatform : public platform::Api {
 public:
-    FuzzPlatform(const Geometry& geometry, const std::uint8_t* disk, std::size_t size)
-        : m_geometry(geometry), m_disk(disk), m_size(size) {}
+    FuzzPlatform(const Geometry& geometry, const std::uint8_t* disk, std::size_t size,
+                 DiskOrigin origin = DiskOrigin::Zero)
+        : m_geometry(geometry), m_disk(disk), m_size(size),
+          m_originAtFirstRead(origin == DiskOrigin::FirstRead) {}
 
     HANDLE CreateFileW(LPCWSTR, DWORD, DWORD, LPSECURITY_ATTRIBUTES, DWORD, DWORD,
                        HANDLE) override {
@@ -57,10 +66,21 @@ public:
     BOOL CloseHandle(HANDLE) override { return TRUE; }
     BOOL ReadFile(HANDLE, LPVOID buffer, DWORD bytesToRead, LPDWORD bytesRead,
                   LPOVERLAPPED) override {
+        if (m_originAtFirstRead && !m_anchored) {
+            m_origin = m_position;
+            m_anchored = true;
+        }
+        // Bytes outside the input read as zeros.
         auto* out = static_cast<std::uint8_t*>(buffer);
-        for (DWORD i = 0; i < bytesToRead; ++i) {
-            const std::uint64_t at = m_position + i;
-            out[i] = at < m_size ? m_disk[at] : 0;
+        std::memset(out, 0, bytesToRead);
+        const std::uint64_t skip = m_position < m_origin ? m_origin - m_position : 0;
+        if (skip < bytesToRead) {
+            const std::uint64_t at = m_position + skip - m_origin;
+            if (at < m_size) {
+                const std::uint64_t wanted = bytesToRead - skip;
+                const std::uint64_t count = wanted < m_size - at ? wanted : m_size - at;
+                std::memcpy(out + skip, m_disk + at, static_cast<std::size_t>(count));
+            }
         }
         m_position += bytesToRead;
         if (bytesRead != nullptr)
@@ -129,6 +149,9 @@ private:
     Geometry m_geometry;
     const std::uint8_t* m_disk;
     std::size_t m_size;
+    bool m_originAtFirstRead;
+    bool m_anchored = false;
+    std::uint64_t m_origin = 0;
     std::uint64_t m_position = 0;
 };
 
