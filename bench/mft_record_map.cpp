@@ -1,16 +1,18 @@
 // Whole-MFT throughput on a large tree volume: reading the MFT's bytes,
 // buildRecordMap, and the full path of every record.
 //
-// The image is KESTROW_BENCH_IMAGE, or the 100k-file tree image that
-// `cmake --build <build> --target bench_tree_images_100k` builds next to the
-// fixtures (<build>/bench-images/tree-100k.img).
+// The image is KESTROW_BENCH_IMAGE, or the 100k-file tree image in the bench
+// image cache (bench/run.sh or `cmake --build <build> --target
+// bench_tree_images_100k` builds it there).
 #include <kestrow/Disks.h>
 #include <libKestrow/MasterFileTable.h>
+#include <orv/Logger.h>
 
 #include <benchmark/benchmark.h>
 
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <filesystem>
 #include <memory>
 #include <string>
@@ -20,8 +22,7 @@ namespace {
 std::filesystem::path benchImage() {
     if (const char* path = std::getenv("KESTROW_BENCH_IMAGE"))
         return path;
-    return std::filesystem::path(KESTROW_FIXTURE_DIR).parent_path() / "bench-images" /
-           "tree-100k.img";
+    return std::filesystem::path(KESTROW_BENCH_IMAGE_DIR) / "tree-100k.img";
 }
 
 // The image attached and its volume opened, once for the whole program.
@@ -45,17 +46,52 @@ unsigned long long recordSlots(MasterFileTable& table) {
     return count;
 }
 
-// The baseline: every byte of every MFT run read from the drive in chunks of
-// the record buffer's size, nothing parsed.
+// The record buffer's size as the table chose it, from its sizing line
+// "602 m_buffer.maxBufferSize: N" (the last one wins: the table halves the
+// size and logs again when an allocation or a read fails).
+struct BufferSizeWatch {
+    unsigned long long bytes = 0;
+
+    static void sink(void* context, const char*, int, const char* text) {
+        static const char SIZE[] = "602 m_buffer.maxBufferSize: ";
+        if (std::strncmp(text, SIZE, sizeof SIZE - 1) == 0)
+            static_cast<BufferSizeWatch*>(context)->bytes =
+                std::strtoull(text + sizeof SIZE - 1, nullptr, 10);
+    }
+};
+
+std::unique_ptr<MasterFileTable> openTableWatchingBufferSize(Volume& volume,
+                                                             unsigned long long& bufferBytes) {
+    BufferSizeWatch watch;
+    const orv::LOGGER_PRIORITY priority = orv::LogFactory::getPriority();
+    orv::LogFactory::setSink(&BufferSizeWatch::sink, &watch);
+    orv::LogFactory::setPriority(orv::LoggerPriority::LP_DEBUG);
+    auto table = std::make_unique<MasterFileTable>(volume);
+    orv::LogFactory::setPriority(priority);
+    orv::LogFactory::setSink(nullptr, nullptr);
+    bufferBytes = watch.bytes;
+    return table;
+}
+
+// The floor for buildRecordMap: every byte of every MFT run read from the
+// drive as the buffered reader reads it (from the start of each run, in
+// chunks of the record buffer's size), nothing parsed.
 void BM_ReadMftBytes(benchmark::State& state) {
     Volume* volume = openedVolume();
     if (volume == nullptr) {
         state.SkipWithError("bench image not available");
         return;
     }
-    MasterFileTable table(*volume);
+    unsigned long long bufferBytes = 0;
+    const auto opened = openTableWatchingBufferSize(*volume, bufferBytes);
+    MasterFileTable& table = *opened;
     const orv::Array<Volume::FileExtent> runs = table.getMftExtents();
-    const unsigned long long chunkBytes = 64ULL << 20;
+    const unsigned long long recordBytes = volume->bytesPerFileRecord();
+    // Whole records per read, as the reader loads them; 64 MiB when the
+    // sizing line was not seen.
+    unsigned long long chunkBytes = bufferBytes != 0 ? bufferBytes : 64ULL << 20;
+    if (recordBytes != 0 && chunkBytes >= recordBytes)
+        chunkBytes -= chunkBytes % recordBytes;
     orv::Buffer<unsigned char> buffer;
     buffer.resize(chunkBytes, false);
     const unsigned int bytesPerSector = volume->bytesPerSector();
@@ -80,6 +116,7 @@ void BM_ReadMftBytes(benchmark::State& state) {
     state.SetItemsProcessed(
         static_cast<long long>(state.iterations() * (bytes / volume->bytesPerFileRecord())));
     state.counters["records"] = static_cast<double>(bytes / volume->bytesPerFileRecord());
+    state.counters["chunkBytes"] = static_cast<double>(chunkBytes);
 }
 BENCHMARK(BM_ReadMftBytes)->Unit(benchmark::kMillisecond)->UseRealTime();
 

@@ -9,6 +9,7 @@ packages=(
   clang libclang-rt-14-dev
   ntfs-3g ntfs-3g-dev sleuthkit fdisk gdisk dosfstools exfatprogs
   python3
+  time
 )
 if [ "${KESTROW_WINDOWS:-0}" = 1 ]; then
   # The Windows cross build and Wine to run it (scripts/windows-ci.sh).
