@@ -186,7 +186,10 @@ ReadResult SliceSource::readAt(std::uint64_t offset, void* buffer, std::size_t l
 
 ReadResult MemorySource::readAt(std::uint64_t offset, void* buffer, std::size_t length) const {
     ReadResult result;
-    if (offset >= m_bytes.size())
+    // Guard: a read of nothing (an empty GPT entry array, a FAT12/16 boot
+    // sector whose root directory has no entries) comes with an empty
+    // vector's null buffer, which memcpy must not be given, even for 0 bytes.
+    if (offset >= m_bytes.size() || length == 0)
         return result;
     result.bytes =
         static_cast<std::size_t>(std::min<std::uint64_t>(length, m_bytes.size() - offset));
