@@ -1,6 +1,7 @@
 // The backend end to end on an image file it opens itself (through the
 // host's own file calls, POSIX or Win32), without any outside tool: the
 // hand-built volume of MiniNtfs.h written to a temporary file.
+#include "support/FakePlatform.h"
 #include "MiniNtfs.h"
 
 #include <kestrow/Disks.h>
@@ -20,16 +21,8 @@ namespace {
 namespace platform = kestrow::platform;
 using kestrow::test::mini::MiniVolumeImage;
 
-platform::WideString wide(const std::string& text) {
-    return platform::WideString(text.begin(), text.end());
-}
-
-std::string narrow(const WCHAR* text) {
-    std::string out;
-    for (; *text != 0; ++text)
-        out.push_back(static_cast<char>(*text));
-    return out;
-}
+using kestrow::test::narrow;
+using kestrow::test::widen;
 
 class AttachedImage : public testing::Test {
 protected:
@@ -52,7 +45,7 @@ protected:
     }
 
     static HANDLE open(const std::string& name, DWORD access = GENERIC_READ) {
-        return platform::CreateFileW(wide(name).c_str(), access, FILE_SHARE_READ | FILE_SHARE_WRITE,
+        return platform::CreateFileW(widen(name).c_str(), access, FILE_SHARE_READ | FILE_SHARE_WRITE,
                                      nullptr, OPEN_EXISTING, 0, nullptr);
     }
 
@@ -64,14 +57,14 @@ TEST_F(AttachedImage, VolumeInformationFreeSpaceAndExtent) {
     WCHAR label[32] = {};
     WCHAR fileSystem[32] = {};
     DWORD serial = 0;
-    ASSERT_TRUE(platform::GetVolumeInformationW(wide("\\\\.\\C:\\").c_str(), label, 32, &serial,
+    ASSERT_TRUE(platform::GetVolumeInformationW(widen("\\\\.\\C:\\").c_str(), label, 32, &serial,
                                                 nullptr, nullptr, fileSystem, 32));
     EXPECT_EQ(narrow(label), "MINI");
     EXPECT_EQ(narrow(fileSystem), "NTFS");
     EXPECT_EQ(serial, 0x55667788u);
     DWORD spc = 0, bps = 0, freeClusters = 0, total = 0;
     ASSERT_TRUE(
-        platform::GetDiskFreeSpaceW(wide("C:\\").c_str(), &spc, &bps, &freeClusters, &total));
+        platform::GetDiskFreeSpaceW(widen("C:\\").c_str(), &spc, &bps, &freeClusters, &total));
     EXPECT_EQ(spc, 1u);
     EXPECT_EQ(bps, 512u);
     EXPECT_EQ(total, 256u);
@@ -94,8 +87,8 @@ TEST_F(AttachedImage, VolumeInformationFreeSpaceAndExtent) {
 }
 
 TEST_F(AttachedImage, FilesResolveReadAndMapTheirRuns) {
-    EXPECT_EQ(platform::GetFileAttributesW(wide("C:\\HELLO.TXT").c_str()), 0x20u);
-    EXPECT_NE(platform::GetFileAttributesW(wide("C:\\Sub").c_str()) & FILE_ATTRIBUTE_DIRECTORY, 0u);
+    EXPECT_EQ(platform::GetFileAttributesW(widen("C:\\HELLO.TXT").c_str()), 0x20u);
+    EXPECT_NE(platform::GetFileAttributesW(widen("C:\\Sub").c_str()) & FILE_ATTRIBUTE_DIRECTORY, 0u);
 
     HANDLE hello = open("\\\\.\\C:\\hello.txt");
     ASSERT_NE(hello, INVALID_HANDLE_VALUE);

@@ -1,6 +1,7 @@
 // Block devices as disks: the sector size comes from the device (BLKSSZGET)
 // and the size from BLKGETSIZE64. The devices are read-only loop devices
 // over the fixture images; without the rights to make one the tests skip.
+#include "support/FakePlatform.h"
 #include "support/Fixtures.h"
 #include "support/Oracle.h"
 
@@ -40,9 +41,7 @@ private:
     std::string m_device;
 };
 
-platform::WideString wide(const std::string& text) {
-    return platform::WideString(text.begin(), text.end());
-}
+using kestrow::test::widen;
 
 class BlockDevice : public testing::Test {
 protected:
@@ -64,11 +63,11 @@ TEST_F(BlockDevice, FourKilobyteSectorsComeFromTheDevice) {
     EXPECT_EQ(disks[0].size,
               kestrow::test::factsOf(kestrow::test::FixtureImage::Sector4k).imageSize);
     WCHAR label[64] = {};
-    ASSERT_TRUE(platform::GetVolumeInformationW(wide("C:\\").c_str(), label, 64, nullptr, nullptr,
+    ASSERT_TRUE(platform::GetVolumeInformationW(widen("C:\\").c_str(), label, 64, nullptr, nullptr,
                                                 nullptr, nullptr, 0));
     EXPECT_EQ(std::string(label, label + 11), "KESTROW_4KN");
 
-    HANDLE volume = platform::CreateFileW(wide("\\\\.\\C:").c_str(), GENERIC_READ, 3, nullptr,
+    HANDLE volume = platform::CreateFileW(widen("\\\\.\\C:").c_str(), GENERIC_READ, 3, nullptr,
                                           OPEN_EXISTING, 0, nullptr);
     ASSERT_NE(volume, INVALID_HANDLE_VALUE);
     std::vector<std::uint8_t> buffer(4096);

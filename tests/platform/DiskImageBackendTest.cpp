@@ -1,5 +1,6 @@
 // The disk-image backend on the fixture images, checked against The Sleuth
 // Kit, NTFS-3G's tools and sfdisk, through the same calls the library makes.
+#include "support/FakePlatform.h"
 #include "support/Fixtures.h"
 #include "support/Oracle.h"
 
@@ -22,20 +23,8 @@ namespace oracle = kestrow::test::oracle;
 using kestrow::test::FixtureImage;
 using kestrow::test::ImageFacts;
 
-platform::WideString wide(std::u16string_view text) {
-    return platform::WideString(text.begin(), text.end());
-}
-
-platform::WideString wide(std::string_view utf8) {
-    return wide(std::u16string_view(kestrow::test::utf8ToUtf16(utf8)));
-}
-
-std::string utf8(const WCHAR* text) {
-    std::u16string units;
-    for (; *text != 0; ++text)
-        units.push_back(static_cast<char16_t>(*text));
-    return kestrow::test::utf16ToUtf8(units);
-}
+using kestrow::test::narrow;
+using kestrow::test::widen;
 
 // Attaches one image for the life of the object; detaches afterwards.
 class Attached {
@@ -59,7 +48,7 @@ class Handle {
 public:
     explicit Handle(std::string_view path, DWORD access = GENERIC_READ | GENERIC_WRITE,
                     DWORD flags = 0)
-        : m_handle(platform::CreateFileW(wide(path).c_str(), access,
+        : m_handle(platform::CreateFileW(widen(std::string(path)).c_str(), access,
                                          FILE_SHARE_READ | FILE_SHARE_WRITE, nullptr, OPEN_EXISTING,
                                          flags, nullptr)),
           m_error(platform::GetLastError()) {}
@@ -206,18 +195,18 @@ TEST_P(EveryImage, VolumeInformationAndGeometryAgreeWithFsstat) {
     DWORD serial = 0;
     DWORD maxComponent = 0;
     DWORD flags = 0;
-    ASSERT_TRUE(platform::GetVolumeInformationW(wide("\\\\.\\C:\\").c_str(), label, 1024, &serial,
+    ASSERT_TRUE(platform::GetVolumeInformationW(widen("\\\\.\\C:\\").c_str(), label, 1024, &serial,
                                                 &maxComponent, &flags, fileSystem, 256))
         << platform::GetLastError();
-    EXPECT_EQ(utf8(label), facts.label);
-    EXPECT_EQ(utf8(label), fsstat.label);
-    EXPECT_EQ(utf8(fileSystem), "NTFS");
+    EXPECT_EQ(narrow(label), facts.label);
+    EXPECT_EQ(narrow(label), fsstat.label);
+    EXPECT_EQ(narrow(fileSystem), "NTFS");
     EXPECT_EQ(serial, static_cast<DWORD>(fsstat.serialNumber & 0xFFFFFFFFu));
     EXPECT_EQ(maxComponent, 255u);
     EXPECT_NE(flags & FILE_READ_ONLY_VOLUME, 0u);
 
     DWORD sectorsPerCluster = 0, bytesPerSector = 0, freeClusters = 0, totalClusters = 0;
-    ASSERT_TRUE(platform::GetDiskFreeSpaceW(wide("\\\\.\\C:\\").c_str(), &sectorsPerCluster,
+    ASSERT_TRUE(platform::GetDiskFreeSpaceW(widen("\\\\.\\C:\\").c_str(), &sectorsPerCluster,
                                             &bytesPerSector, &freeClusters, &totalClusters));
     EXPECT_EQ(bytesPerSector, facts.bytesPerSector);
     EXPECT_EQ(bytesPerSector, fsstat.sectorSize);
@@ -248,7 +237,7 @@ TEST_P(EveryImage, VolumeInformationAndGeometryAgreeWithFsstat) {
     if (!facts.isWholeDisk) {
         // NTFS-3G's view of the same volume (ntfsinfo reads whole volumes only).
         const auto info = oracle::volumeInfo(image);
-        EXPECT_EQ(utf8(label), info.at("Volume Name"));
+        EXPECT_EQ(narrow(label), info.at("Volume Name"));
         EXPECT_EQ(std::to_string(data.BytesPerCluster), info.at("Cluster Size"));
         EXPECT_EQ(std::to_string(data.BytesPerSector), info.at("Sector Size"));
         EXPECT_EQ(std::to_string(data.BytesPerFileRecordSegment), info.at("MFT Record Size"));
@@ -288,7 +277,7 @@ TEST_P(EveryImage, MftRunsAgreeWithIstatAndNtfsinfo) {
     ASSERT_NE(data, nullptr);
     Attached attached({image.string()});
     ASSERT_TRUE(attached.ok());
-    ASSERT_NE(platform::GetFileAttributesW(wide("C:\\$MFT").c_str()), INVALID_FILE_ATTRIBUTES);
+    ASSERT_NE(platform::GetFileAttributesW(widen("C:\\$MFT").c_str()), INVALID_FILE_ATTRIBUTES);
     // The library opens the file with no access, only for the control request.
     Handle mft("\\\\.\\C:\\$MFT", 0, FILE_FLAG_OVERLAPPED | FILE_FLAG_NO_BUFFERING);
     ASSERT_TRUE(mft.valid()) << mft.error();
@@ -422,15 +411,15 @@ TEST(DiskImageBackend, MbrDiskGivesTheFatPartitionTheNextLetter) {
     WCHAR label[64] = {};
     WCHAR fileSystem[64] = {};
     DWORD serial = 0;
-    ASSERT_TRUE(platform::GetVolumeInformationW(wide("D:\\").c_str(), label, 64, &serial, nullptr,
+    ASSERT_TRUE(platform::GetVolumeInformationW(widen("D:\\").c_str(), label, 64, &serial, nullptr,
                                                 nullptr, fileSystem, 64));
-    EXPECT_EQ(utf8(fileSystem), "FAT32");
-    EXPECT_EQ(utf8(label), expectedLabel);
+    EXPECT_EQ(narrow(fileSystem), "FAT32");
+    EXPECT_EQ(narrow(label), expectedLabel);
     EXPECT_EQ(serial, expectedSerial);
 
     DWORD spc = 0, bps = 0, freeClusters = 0, total = 0;
     ASSERT_TRUE(
-        platform::GetDiskFreeSpaceW(wide("D:\\").c_str(), &spc, &bps, &freeClusters, &total));
+        platform::GetDiskFreeSpaceW(widen("D:\\").c_str(), &spc, &bps, &freeClusters, &total));
     EXPECT_EQ(bps, 512u);
     EXPECT_EQ(spc, 1u); // so the FS Info sector count is a cluster count
     EXPECT_EQ(total, expectedTotal);
@@ -459,9 +448,9 @@ TEST(DiskImageBackend, SeveralDisksAreNumberedAndLetteredInOrder) {
     }
     EXPECT_EQ(volumes[1].partition, 2u); // the GPT spacer partition holds no volume
     WCHAR label[64] = {};
-    ASSERT_TRUE(platform::GetVolumeInformationW(wide("E:\\").c_str(), label, 64, nullptr, nullptr,
+    ASSERT_TRUE(platform::GetVolumeInformationW(widen("E:\\").c_str(), label, 64, nullptr, nullptr,
                                                 nullptr, nullptr, 0));
-    EXPECT_EQ(utf8(label), "KESTROW_MBR");
+    EXPECT_EQ(narrow(label), "KESTROW_MBR");
     Handle disk2("\\\\.\\PhysicalDrive2");
     EXPECT_TRUE(disk2.valid());
     Handle disk3("\\\\.\\PhysicalDrive3");
@@ -524,21 +513,21 @@ TEST(DamagedVolume, LostVolumeRecordLeavesAnEmptyLabel) {
     Attached attached({scratch.path().string()});
     WCHAR label[64] = {'x', 0};
     WCHAR fileSystem[64] = {};
-    ASSERT_TRUE(platform::GetVolumeInformationW(wide("C:\\").c_str(), label, 64, nullptr, nullptr,
+    ASSERT_TRUE(platform::GetVolumeInformationW(widen("C:\\").c_str(), label, 64, nullptr, nullptr,
                                                 nullptr, fileSystem, 64));
-    EXPECT_EQ(utf8(label), "");
-    EXPECT_EQ(utf8(fileSystem), "NTFS");
-    EXPECT_NE(platform::GetFileAttributesW(wide("C:\\$MFT").c_str()), INVALID_FILE_ATTRIBUTES);
+    EXPECT_EQ(narrow(label), "");
+    EXPECT_EQ(narrow(fileSystem), "NTFS");
+    EXPECT_NE(platform::GetFileAttributesW(widen("C:\\$MFT").c_str()), INVALID_FILE_ATTRIBUTES);
 }
 
 TEST(DamagedVolume, LostUpcaseTableStillComparesAsciiNamesWithoutCase) {
     kestrow::test::ScratchImage scratch(kestrow::test::bareVolume());
     scratch.patch(bareRecordOffset(10), std::vector<std::uint8_t>{0, 0, 0, 0});
     Attached attached({scratch.path().string()});
-    EXPECT_NE(platform::GetFileAttributesW(wide("C:\\$attrdef").c_str()), INVALID_FILE_ATTRIBUTES);
-    EXPECT_NE(platform::GetFileAttributesW(wide("C:\\$bitmap").c_str()), INVALID_FILE_ATTRIBUTES);
+    EXPECT_NE(platform::GetFileAttributesW(widen("C:\\$attrdef").c_str()), INVALID_FILE_ATTRIBUTES);
+    EXPECT_NE(platform::GetFileAttributesW(widen("C:\\$bitmap").c_str()), INVALID_FILE_ATTRIBUTES);
     // The table's own record is the damaged one.
-    EXPECT_EQ(platform::GetFileAttributesW(wide("C:\\$UpCase").c_str()), INVALID_FILE_ATTRIBUTES);
+    EXPECT_EQ(platform::GetFileAttributesW(widen("C:\\$UpCase").c_str()), INVALID_FILE_ATTRIBUTES);
     EXPECT_EQ(platform::GetLastError(), static_cast<DWORD>(ERROR_FILE_CORRUPT));
 }
 
@@ -547,10 +536,10 @@ TEST(DamagedVolume, UnreadableMftRecordZeroIsARawVolumeThatStillReadsSectors) {
     scratch.patch(bareRecordOffset(0), std::vector<std::uint8_t>{0, 0, 0, 0});
     Attached attached({scratch.path().string()});
     ASSERT_EQ(platform::attachedVolumes().size(), 1u);
-    EXPECT_FALSE(platform::GetVolumeInformationW(wide("C:\\").c_str(), nullptr, 0, nullptr, nullptr,
+    EXPECT_FALSE(platform::GetVolumeInformationW(widen("C:\\").c_str(), nullptr, 0, nullptr, nullptr,
                                                  nullptr, nullptr, 0));
     EXPECT_EQ(platform::GetLastError(), static_cast<DWORD>(ERROR_UNRECOGNIZED_VOLUME));
-    EXPECT_EQ(platform::GetFileAttributesW(wide("C:\\$MFT").c_str()), INVALID_FILE_ATTRIBUTES);
+    EXPECT_EQ(platform::GetFileAttributesW(widen("C:\\$MFT").c_str()), INVALID_FILE_ATTRIBUTES);
     EXPECT_EQ(platform::GetLastError(), static_cast<DWORD>(ERROR_UNRECOGNIZED_VOLUME));
     Handle volume("\\\\.\\C:");
     ASSERT_TRUE(volume.valid());
@@ -577,7 +566,7 @@ TEST(DamagedVolume, NothingWritesToTheImages) {
         Handle disk("\\\\.\\PhysicalDrive0", GENERIC_READ | GENERIC_WRITE);
         EXPECT_TRUE(volume.valid());
         EXPECT_TRUE(disk.valid());
-        HANDLE file = platform::CreateFileW(wide("C:\\$MFT").c_str(), GENERIC_WRITE, 0, nullptr,
+        HANDLE file = platform::CreateFileW(widen("C:\\$MFT").c_str(), GENERIC_WRITE, 0, nullptr,
                                             TRUNCATE_EXISTING, 0, nullptr);
         EXPECT_EQ(file, INVALID_HANDLE_VALUE);
         EXPECT_EQ(platform::GetLastError(), static_cast<DWORD>(ERROR_WRITE_PROTECT));

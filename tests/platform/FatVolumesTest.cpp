@@ -1,6 +1,7 @@
 // FAT12, FAT16 and exFAT volumes made by dosfstools and exfatprogs at test
 // time: the backend names and measures them as Windows does, checked
 // against fsck.fat, fsstat and blkls.
+#include "support/FakePlatform.h"
 #include "support/Oracle.h"
 
 #include <kestrow/Disks.h>
@@ -23,16 +24,8 @@ namespace {
 namespace platform = kestrow::platform;
 namespace oracle = kestrow::test::oracle;
 
-platform::WideString wide(const std::string& text) {
-    return platform::WideString(text.begin(), text.end());
-}
-
-std::string narrow(const WCHAR* text) {
-    std::string out;
-    for (; *text != 0; ++text)
-        out.push_back(static_cast<char>(*text));
-    return out;
-}
+using kestrow::test::narrow;
+using kestrow::test::widen;
 
 std::string firstMatch(const std::string& text, const std::string& pattern) {
     std::smatch match;
@@ -144,14 +137,14 @@ TEST_F(FatVolumes, LabelSerialAndNameAsWindowsReportsThem) {
         WCHAR label[64] = {};
         WCHAR fileSystem[64] = {};
         DWORD serial = 0;
-        ASSERT_TRUE(platform::GetVolumeInformationW(wide("\\\\.\\" + e.letter + ":\\").c_str(),
+        ASSERT_TRUE(platform::GetVolumeInformationW(widen("\\\\.\\" + e.letter + ":\\").c_str(),
                                                     label, 64, &serial, nullptr, nullptr,
                                                     fileSystem, 64));
         EXPECT_EQ(narrow(label), e.label);
         EXPECT_EQ(narrow(fileSystem), e.fileSystem);
         EXPECT_EQ(serial, e.serial);
         // A buffer one character too small for the label.
-        EXPECT_FALSE(platform::GetVolumeInformationW(wide(e.letter + ":\\").c_str(), label,
+        EXPECT_FALSE(platform::GetVolumeInformationW(widen(e.letter + ":\\").c_str(), label,
                                                      static_cast<DWORD>(e.label.size()), nullptr,
                                                      nullptr, nullptr, nullptr, 0));
         EXPECT_EQ(platform::GetLastError(), static_cast<DWORD>(ERROR_BAD_LENGTH));
@@ -162,14 +155,14 @@ TEST_F(FatVolumes, FreeAndTotalClustersAgreeWithTheTools) {
     for (const Expected& e : expected) {
         SCOPED_TRACE(e.letter);
         DWORD spc = 0, bps = 0, freeClusters = 0, total = 0;
-        ASSERT_TRUE(platform::GetDiskFreeSpaceW(wide(e.letter + ":\\").c_str(), &spc, &bps,
+        ASSERT_TRUE(platform::GetDiskFreeSpaceW(widen(e.letter + ":\\").c_str(), &spc, &bps,
                                                 &freeClusters, &total));
         EXPECT_EQ(bps, 512u);
         EXPECT_EQ(total, e.totalClusters);
         EXPECT_EQ(freeClusters, e.freeClusters);
 
         // The bitmap tells the same story.
-        HANDLE volume = platform::CreateFileW(wide("\\\\.\\" + e.letter + ":").c_str(),
+        HANDLE volume = platform::CreateFileW(widen("\\\\.\\" + e.letter + ":").c_str(),
                                               GENERIC_READ, 3, nullptr, OPEN_EXISTING, 0, nullptr);
         ASSERT_NE(volume, INVALID_HANDLE_VALUE);
         STARTING_LCN_INPUT_BUFFER input{};
@@ -193,8 +186,8 @@ TEST_F(FatVolumes, FreeAndTotalClustersAgreeWithTheTools) {
 }
 
 TEST_F(FatVolumes, OnlyTheRootDirectoryIsOffered) {
-    EXPECT_EQ(platform::GetFileAttributesW(wide("C:\\").c_str()), FILE_ATTRIBUTE_DIRECTORY);
-    EXPECT_EQ(platform::GetFileAttributesW(wide("C:\\$MFT").c_str()), INVALID_FILE_ATTRIBUTES);
+    EXPECT_EQ(platform::GetFileAttributesW(widen("C:\\").c_str()), FILE_ATTRIBUTE_DIRECTORY);
+    EXPECT_EQ(platform::GetFileAttributesW(widen("C:\\$MFT").c_str()), INVALID_FILE_ATTRIBUTES);
     EXPECT_EQ(platform::GetLastError(), static_cast<DWORD>(ERROR_NOT_SUPPORTED));
 }
 

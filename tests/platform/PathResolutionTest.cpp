@@ -1,6 +1,7 @@
 // Names on the rich fixture volume resolve through the directory indexes as
 // the file system driver resolves them, and files answer for their runs and
 // content as The Sleuth Kit reads them.
+#include "support/FakePlatform.h"
 #include "support/Fixtures.h"
 #include "support/Oracle.h"
 
@@ -19,10 +20,7 @@ namespace platform = kestrow::platform;
 namespace oracle = kestrow::test::oracle;
 namespace rich = kestrow::test::rich;
 
-platform::WideString wide(std::string_view utf8) {
-    const std::u16string units = kestrow::test::utf8ToUtf16(utf8);
-    return platform::WideString(units.begin(), units.end());
-}
+using kestrow::test::widen;
 
 std::string upperAscii(std::string text) {
     for (char& c : text)
@@ -43,11 +41,11 @@ protected:
     }
 
     static DWORD attributesOf(std::string_view path) {
-        return platform::GetFileAttributesW(wide(path).c_str());
+        return platform::GetFileAttributesW(widen(std::string(path)).c_str());
     }
 
     static HANDLE openFile(std::string_view path, DWORD flags = 0, DWORD access = 0) {
-        return platform::CreateFileW(wide(path).c_str(), access, FILE_SHARE_READ | FILE_SHARE_WRITE,
+        return platform::CreateFileW(widen(std::string(path)).c_str(), access, FILE_SHARE_READ | FILE_SHARE_WRITE,
                                      nullptr, OPEN_EXISTING, flags, nullptr);
     }
 
@@ -173,7 +171,7 @@ TEST_F(RichVolume, MissingNamesGiveWindowsErrorCodes) {
 TEST_F(RichVolume, FilesCannotBeOpenedForWritingNorCreatedButDevicesCan) {
     EXPECT_EQ(openFile("C:\\Readme.txt", 0, GENERIC_READ | GENERIC_WRITE), INVALID_HANDLE_VALUE);
     EXPECT_EQ(platform::GetLastError(), static_cast<DWORD>(ERROR_WRITE_PROTECT));
-    HANDLE created = platform::CreateFileW(wide("C:\\new.txt").c_str(), GENERIC_READ, 0, nullptr,
+    HANDLE created = platform::CreateFileW(widen("C:\\new.txt").c_str(), GENERIC_READ, 0, nullptr,
                                            CREATE_NEW, 0, nullptr);
     EXPECT_EQ(created, INVALID_HANDLE_VALUE);
     EXPECT_EQ(platform::GetLastError(), static_cast<DWORD>(ERROR_WRITE_PROTECT));

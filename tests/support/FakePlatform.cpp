@@ -1,4 +1,5 @@
 #include "FakePlatform.h"
+#include "Fixtures.h"
 
 #include <algorithm>
 #include <cctype>
@@ -12,10 +13,8 @@ using platform::RetrievalRun;
 using platform::WideString;
 
 WideString widen(const std::string& text) {
-    WideString wide;
-    for (unsigned char c : text)
-        wide.push_back(static_cast<WCHAR>(c));
-    return wide;
+    const std::u16string units = utf8ToUtf16(text);
+    return WideString(units.begin(), units.end());
 }
 
 std::string narrow(const WCHAR* text) {

@@ -235,7 +235,7 @@ private:
     std::vector<std::pair<std::uint64_t, std::uint32_t>> m_reads;
 };
 
-// UTF-16 text of an ASCII/UTF-8 string as the Api takes it.
+// UTF-16 text of a UTF-8 string as the Api takes it.
 platform::WideString widen(const std::string& text);
 std::string narrow(const WCHAR* text);
 
