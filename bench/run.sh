@@ -147,10 +147,9 @@ ensure_image() {
 
 # ---- timing ---------------------------------------------------------------------
 
-# Microseconds since the epoch, without a subprocess.
-now_us() {
-    local t=$EPOCHREALTIME
-    echo $((10#${t%.*} * 1000000 + 10#${t#*.}))
+# Microseconds from two $EPOCHREALTIME readings ("seconds.micros").
+elapsed_us() {
+    echo $(((10#${2%.*} - 10#${1%.*}) * 1000000 + 10#${2#*.} - 10#${1#*.}))
 }
 
 # measure FILE FUNCTION...: one warm-up run of each, then RUNS rounds in which
@@ -164,10 +163,10 @@ measure() {
     done
     for ((round = 1; round <= RUNS; round++)); do
         for f in "$@"; do
-            t0=$(now_us)
+            t0=$EPOCHREALTIME
             "$f" >/dev/null 2>"$RESULTS/stderr.txt" || die "$f failed: $(tail -3 "$RESULTS/stderr.txt")"
-            t1=$(now_us)
-            echo "$f $((t1 - t0))" >>"$file"
+            t1=$EPOCHREALTIME
+            echo "$f $(elapsed_us "$t0" "$t1")" >>"$file"
         done
     done
 }
