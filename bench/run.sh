@@ -152,32 +152,54 @@ elapsed_us() {
     echo $(((10#${2%.*} - 10#${1%.*}) * 1000000 + 10#${2#*.} - 10#${1#*.}))
 }
 
+# The CPU time (user + system) of this shell's finished children, in
+# microseconds, from the `times` builtin (no subprocess: a subshell would
+# report its own children).
+CHILDREN_CPU_US=0
+read_children_cpu() {
+    local own_user own_system user system
+    times >"$RESULTS/times.now"
+    { read -r own_user own_system && read -r user system; } <"$RESULTS/times.now"
+    CHILDREN_CPU_US=$(($(minutes_seconds_us "$user") + $(minutes_seconds_us "$system")))
+}
+minutes_seconds_us() { # "1m2.345s" -> microseconds
+    local minutes=${1%%m*} seconds=${1#*m}
+    seconds=${seconds%s}
+    local whole=${seconds%.*} fraction=${seconds#*.}000000
+    echo $(((10#$minutes * 60 + 10#$whole) * 1000000 + 10#${fraction:0:6}))
+}
+
 # measure FILE FUNCTION...: one warm-up run of each, then RUNS rounds in which
 # every function runs once, in turn, so that a change of machine load hits
-# all of them alike. Appends "function microseconds" lines to FILE.
+# all of them alike. Appends "function wall-microseconds cpu-microseconds"
+# lines to FILE.
 measure() {
-    local file=$1 f round t0 t1
+    local file=$1 f round t0 t1 cpu0
     shift
     for f in "$@"; do
         "$f" >/dev/null 2>"$RESULTS/stderr.txt" || die "$f failed: $(tail -3 "$RESULTS/stderr.txt")"
     done
     for ((round = 1; round <= RUNS; round++)); do
         for f in "$@"; do
+            read_children_cpu
+            cpu0=$CHILDREN_CPU_US
             t0=$EPOCHREALTIME
             "$f" >/dev/null 2>"$RESULTS/stderr.txt" || die "$f failed: $(tail -3 "$RESULTS/stderr.txt")"
             t1=$EPOCHREALTIME
-            echo "$f $(elapsed_us "$t0" "$t1")" >>"$file"
+            read_children_cpu
+            echo "$f $(elapsed_us "$t0" "$t1") $((CHILDREN_CPU_US - cpu0))" >>"$file"
         done
     done
 }
 
-# median FILE FUNCTION: the median time in seconds.
+# median FILE FUNCTION [COLUMN]: the median time in seconds (column 2, wall
+# time; 3, CPU time).
 median() {
-    awk -v f="$2" '$1 == f { print $2 }' "$1" | sort -n |
+    awk -v f="$2" -v c="${3:-2}" '$1 == f { print $c }' "$1" | sort -n |
         awk '{ v[NR] = $1 } END {
             if (NR == 0) { print "nan"; exit }
             m = NR % 2 ? v[(NR + 1) / 2] : (v[NR / 2] + v[NR / 2 + 1]) / 2
-            printf "%.4f\n", m / 1e6 }'
+            printf "%.6f\n", m / 1e6 }'
 }
 
 spread() {
@@ -476,8 +498,11 @@ bench_image() {
     {
         echo "$size timings (min..max over $RUNS run(s)):"
         for f in kestrow_paths fls_paths ntfsls_paths kestrow_owner ifind_owner kestrow_bitmap blkls_used; do
-            printf '  %-15s median %8.3f s  %s\n' "$f" "$(median "$out/times" "$f")" "$(spread "$out/times" "$f")"
+            printf '  %-15s median %8.3f s  %-18s  CPU (user + system) median %8.3f s\n' "$f" \
+                "$(median "$out/times" "$f")" "$(spread "$out/times" "$f")" "$(median "$out/times" "$f" 3)"
         done
+        cpu() { median "$out/times" "$1" 3; }
+        echo "  by CPU time (less sensitive to the machine's load): kestrow paths $(ratio_text "$(cpu kestrow_paths)" "$(cpu fls_paths)") than fls -r -p, $(ratio_text "$(cpu kestrow_paths)" "$(cpu ntfsls_paths)") than ntfsls -R; kestrow owner $(ratio_text "$(cpu kestrow_owner)" "$(cpu ifind_owner)") than ifind -d; kestrow bitmap $(ratio_text "$(cpu kestrow_bitmap)" "$(cpu blkls_used)") than blkls -a -l"
         awk -v r="${read_f[0]}" -v c="${read_f[2]:-0}" -v b="${build_f[0]}" -v o="${open_f[0]}" 'BEGIN {
             printf "  bench_mft_record_map: read %.1f ms (in reads of %.0f bytes), buildRecordMap %.1f ms, open + buildRecordMap %.1f ms\n", r, c, b, o }'
         echo "  max RSS of the check runs: kestrow paths $(cut -d' ' -f2 "$out/kestrow-paths.rss") KiB, fls $(cut -d' ' -f2 "$out/fls.rss") KiB, ntfsls $(cut -d' ' -f2 "$out/ntfsls.rss") KiB"
