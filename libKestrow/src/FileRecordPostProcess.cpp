@@ -5,6 +5,8 @@
 #include "FileRecordInternals.h"
 
 #include <unordered_set>
+#include <utility>
+#include <vector>
 
 using namespace kestrow::ntfs;
 
@@ -45,6 +47,96 @@ void addIndexBlockEntries(const orv::Buffer<unsigned char>& buffer, std::uint64_
     }
 }
 
+// Guard: the runs of an index allocation come from disk. The run-list decoder
+// keeps each run within the volume's cluster count, but a damaged record can
+// list the same clusters again and again (hundreds of runs, each as large as
+// the volume), and a run can reach past the volume's last cluster. Clusters
+// outside the volume hold none of its index blocks, and clusters already read
+// cannot add an entry (each is listed once): only the parts of a range inside
+// the volume and not read before are read, so one directory never reads more
+// than the volume holds. The runs of a well-formed directory lie inside the
+// volume and do not overlap: they are read exactly as before.
+class ClustersToRead {
+public:
+    explicit ClustersToRead(const Volume& volume) {
+        const orv::Array<Volume::VolumeExtent>& extents = volume.getVolumeExtents();
+        if (extents.size() == 1 && volume.totalClusters() != 0) {
+            m_first = extents[0].startingOffset / volume.bytesPerCluster();
+            m_end = m_first + volume.totalClusters();
+        }
+    }
+
+    // The parts of clusters [start, start + count) still to read, in order;
+    // they count as read from now on.
+    std::vector<std::pair<std::uint64_t, std::uint64_t>> claim(std::uint64_t start,
+                                                               std::uint64_t count) {
+        std::uint64_t begin = start < m_first ? m_first : start;
+        std::uint64_t end = count > m_end - start || start > m_end ? m_end : start + count;
+        std::vector<std::pair<std::uint64_t, std::uint64_t>> parts;
+        for (const auto& [readBegin, readEnd] : m_read) {
+            if (begin >= end || readBegin >= end)
+                break;
+            if (readEnd <= begin)
+                continue;
+            if (readBegin > begin)
+                parts.emplace_back(begin, readBegin);
+            begin = readEnd;
+        }
+        if (begin < end)
+            parts.emplace_back(begin, end);
+        for (const auto& part : parts)
+            markRead(part);
+        return parts;
+    }
+
+private:
+    void markRead(std::pair<std::uint64_t, std::uint64_t> part) {
+        auto at = m_read.begin();
+        while (at != m_read.end() && at->second < part.first)
+            ++at;
+        while (at != m_read.end() && at->first <= part.second) {
+            part.first = std::min(part.first, at->first);
+            part.second = std::max(part.second, at->second);
+            at = m_read.erase(at);
+        }
+        m_read.insert(at, part);
+    }
+
+    std::uint64_t m_first = 0;
+    std::uint64_t m_end = ~std::uint64_t{0}; // no volume extent: no end to cut at
+    std::vector<std::pair<std::uint64_t, std::uint64_t>> m_read; // sorted, disjoint
+};
+
+// Reads `count` clusters from `first` and walks their index blocks; false
+// when a read fails (the rest of the range is then skipped).
+template <class Add>
+bool readIndexBlocks(Volume& volume, VolumeHandle& volumeHandle, std::uint64_t first,
+                     std::uint64_t count, orv::Buffer<unsigned char>& buffer, Add& add) {
+    const std::uint32_t bytesPerSector = volume.bytesPerSector();
+    const std::uint32_t sectorsPerCluster = volume.bytesPerCluster() / bytesPerSector;
+    // Guard: a range is read in pieces of at most READ_PIECE bytes, so that a
+    // run list that claims a range as large as the volume cannot ask for one
+    // buffer of that size. A piece is a whole number of index blocks and
+    // clusters, so every block of a well-formed range lies inside one piece
+    // and is found exactly as in one read of the whole range.
+    const std::uint64_t clustersPerPiece =
+        volume.bytesPerCluster() >= READ_PIECE ? 1 : READ_PIECE / volume.bytesPerCluster();
+    for (std::uint64_t done = 0; done < count; done += clustersPerPiece) {
+        const std::uint64_t clusters =
+            count - done < clustersPerPiece ? count - done : clustersPerPiece;
+        const std::uint64_t size = std::uint64_t(volume.bytesPerCluster()) * clusters;
+        buffer.resize(size, true);
+        const bool read = volume.readBytesFromSector(
+            volumeHandle, (first + done) * sectorsPerCluster, size, buffer);
+        if (read)
+            addIndexBlockEntries(buffer, clusters * sectorsPerCluster, bytesPerSector, add);
+        buffer.release();
+        if (!read)
+            return false;
+    }
+    return true;
+}
+
 } // namespace
 
 void FileRecord::postProcess(VolumeHandle& volumeHandle) {
@@ -53,8 +145,6 @@ void FileRecord::postProcess(VolumeHandle& volumeHandle) {
     if (m_volume == nullptr || m_volume->m_bytesPerSector == 0 || m_volume->m_bytesPerCluster == 0)
         return;
     Volume& volume = *m_volume;
-    const std::uint32_t bytesPerSector = volume.m_bytesPerSector;
-    const std::uint32_t sectorsPerCluster = volume.m_bytesPerCluster / bytesPerSector;
     if (m_indexAllocationRanges.empty())
         return;
 
@@ -67,26 +157,10 @@ void FileRecord::postProcess(VolumeHandle& volumeHandle) {
     };
 
     orv::Buffer<unsigned char> buffer;
+    ClustersToRead unread(volume);
     for (const ClusterRange& range : m_indexAllocationRanges) {
-        // Guard: a range is read in pieces of at most READ_PIECE bytes, so that a
-        // run list that claims a range as large as the volume cannot ask for one
-        // buffer of that size. A piece is a whole number of index blocks and
-        // clusters, so every block of a well-formed range lies inside one piece
-        // and is found exactly as in one read of the whole range.
-        const std::uint64_t clustersPerPiece =
-            volume.m_bytesPerCluster >= READ_PIECE ? 1 : READ_PIECE / volume.m_bytesPerCluster;
-        for (std::uint64_t done = 0; done < range.count; done += clustersPerPiece) {
-            const std::uint64_t clusters =
-                range.count - done < clustersPerPiece ? range.count - done : clustersPerPiece;
-            const std::uint64_t size = std::uint64_t(volume.m_bytesPerCluster) * clusters;
-            buffer.resize(size, true);
-            if (!volume.readBytesFromSector(volumeHandle, (range.start + done) * sectorsPerCluster,
-                                            size, buffer)) {
-                buffer.release();
+        for (const auto& [first, end] : unread.claim(range.start, range.count))
+            if (!readIndexBlocks(volume, volumeHandle, first, end - first, buffer, add))
                 break;
-            }
-            addIndexBlockEntries(buffer, clusters * sectorsPerCluster, bytesPerSector, add);
-            buffer.release();
-        }
     }
 }

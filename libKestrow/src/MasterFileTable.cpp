@@ -52,6 +52,46 @@ unsigned long long sectorsInRun(const Volume::FileExtent& run) {
     return run.endSector - run.startSector + 1;
 }
 
+// Guard: the MFT's runs come from its run list on disk, which a damaged volume
+// can make claim clusters far past the volume's end (one run of 2^32 clusters
+// on an 8 MiB volume). Such slots cannot hold MFT records, yet every
+// whole-MFT scan would walk them all. Clusters beyond the volume cannot be
+// MFT records, and the MFT cannot be larger than the volume: a run that
+// starts outside the volume ends the list, a run that leaves it is cut at
+// the volume's end, and so is the run that takes the MFT past the volume's
+// size; the runs after a cut are dropped, since their record numbers would
+// follow from the bogus length. The runs of a well-formed volume lie inside
+// it and add up to less than it, so they are kept exactly as they are.
+orv::Array<Volume::FileExtent> mftRunsInsideVolume(const orv::Array<Volume::FileExtent>& runs,
+                                                   const Volume& volume) {
+    const orv::Array<Volume::VolumeExtent>& extents = volume.getVolumeExtents();
+    const unsigned long long bytesPerSector = volume.bytesPerSector();
+    unsigned long long volumeSectors = volume.totalSectors();
+    if (extents.size() != 1 || bytesPerSector == 0 || volumeSectors == 0)
+        return runs; // nothing to measure against
+    if (extents[0].extentLength != 0 && extents[0].extentLength / bytesPerSector < volumeSectors)
+        volumeSectors = extents[0].extentLength / bytesPerSector;
+    const unsigned long long first = extents[0].startingOffset / bytesPerSector;
+    const unsigned long long end = first + volumeSectors;
+
+    orv::Array<Volume::FileExtent> kept;
+    unsigned long long budget = volumeSectors;
+    for (const Volume::FileExtent& run : runs) {
+        if (run.startSector < first || run.startSector >= end || run.endSector <= run.startSector)
+            break;
+        Volume::FileExtent inside = run;
+        if (inside.endSector > end)
+            inside.endSector = end;
+        if (inside.endSector - inside.startSector > budget)
+            inside.endSector = inside.startSector + budget;
+        budget -= inside.endSector - inside.startSector;
+        kept.append(inside);
+        if (inside.endSector != run.endSector || budget == 0)
+            break;
+    }
+    return kept;
+}
+
 // The root directory's own name.
 bool isRootName(const orv::String& name) {
     return name.size() == 1 && name[0] == static_cast<orv::Char16>('.');
@@ -148,6 +188,11 @@ MasterFileTable::MasterFileTable(Volume& volume)
 
     const orv::String mftPath = orv::SprintfFormat("%c:\\$MFT", m_volume.m_driveLetter);
     if (!m_volume.getFileExtents(mftPath, m_mftExtents)) {
+        logText("50 ", "Volume has unreadable extents");
+        return;
+    }
+    m_mftExtents = mftRunsInsideVolume(m_mftExtents, m_volume);
+    if (m_mftExtents.empty()) {
         logText("50 ", "Volume has unreadable extents");
         return;
     }

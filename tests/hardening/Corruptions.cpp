@@ -674,10 +674,11 @@ std::string putRunsOutsideVolume(const ImageMap& map, ScratchImage& scratch, Ran
     const RawAttribute& attribute = random.pick(nonResident);
     const std::uint32_t runOffset =
         attribute.offset + le16(bytes, attribute.offset + kAttrRunListOffset);
-    std::vector<Run> runs = runOffset < attribute.offset + attribute.length
-                                ? decodeRunList(std::span(bytes).subspan(
-                                      runOffset, attribute.offset + attribute.length - runOffset))
-                                : std::vector<Run>{};
+    std::vector<MappingRun> runs =
+        runOffset < attribute.offset + attribute.length
+            ? decodeRunList(std::span(bytes).subspan(runOffset, attribute.offset +
+                                                                    attribute.length - runOffset))
+            : std::vector<MappingRun>{};
     if (runs.empty())
         runs.push_back({1, 0, false});
 
@@ -715,7 +716,7 @@ std::string putRunsOutsideVolume(const ImageMap& map, ScratchImage& scratch, Ran
     }
     case 3: { // every run moved past the end
         const std::uint64_t shift = total + random.below(1ull << 30);
-        for (Run& run : runs)
+        for (MappingRun& run : runs)
             run.lcn += static_cast<std::int64_t>(shift);
         what = "every run moved by " + hex(shift);
         break;
@@ -736,7 +737,7 @@ std::string putRunsOutsideVolume(const ImageMap& map, ScratchImage& scratch, Ran
     }
     }
     std::uint64_t clusters = 0;
-    for (const Run& run : runs)
+    for (const MappingRun& run : runs)
         clusters += run.length;
     const std::uint64_t size = random.chance(60) ? clusters * map.clusterSize() : 0;
     const auto runBytes = encodeRunList(runs);
@@ -856,7 +857,7 @@ void patchRecordLe(ScratchImage& scratch, const ImageMap& map, std::uint64_t rec
     patchRecord(scratch, map, record, byte, bytes);
 }
 
-std::vector<std::uint8_t> encodeRunList(const std::vector<Run>& runs) {
+std::vector<std::uint8_t> encodeRunList(const std::vector<MappingRun>& runs) {
     std::vector<std::uint8_t> out;
     std::int64_t previous = 0;
     auto widthOf = [](std::uint64_t value, bool isSigned) {
@@ -874,7 +875,7 @@ std::vector<std::uint8_t> encodeRunList(const std::vector<Run>& runs) {
         }
         return width;
     };
-    for (const Run& run : runs) {
+    for (const MappingRun& run : runs) {
         const unsigned lengthWidth = widthOf(run.length, false);
         unsigned offsetWidth = 0;
         std::int64_t delta = 0;
@@ -893,8 +894,8 @@ std::vector<std::uint8_t> encodeRunList(const std::vector<Run>& runs) {
     return out;
 }
 
-std::vector<Run> decodeRunList(std::span<const std::uint8_t> bytes) {
-    std::vector<Run> runs;
+std::vector<MappingRun> decodeRunList(std::span<const std::uint8_t> bytes) {
+    std::vector<MappingRun> runs;
     std::int64_t lcn = 0;
     std::size_t at = 0;
     while (at < bytes.size() && bytes[at] != 0) {
@@ -903,7 +904,7 @@ std::vector<Run> decodeRunList(std::span<const std::uint8_t> bytes) {
         if (lengthWidth == 0 || lengthWidth > 8 || offsetWidth > 8 ||
             at + 1 + lengthWidth + offsetWidth > bytes.size())
             break;
-        Run run;
+        MappingRun run;
         for (unsigned i = 0; i < lengthWidth; ++i)
             run.length |= std::uint64_t{bytes[at + 1 + i]} << (8 * i);
         if (offsetWidth == 0) {

@@ -64,15 +64,15 @@ void patchRecordLe(ScratchImage& scratch, const ImageMap& map, std::uint64_t rec
                    std::uint32_t byte, std::uint64_t value, unsigned width);
 
 // One run of a run list: `length` clusters at `lcn`, or sparse.
-struct Run {
+struct MappingRun {
     std::uint64_t length = 0;
     std::int64_t lcn = 0;
     bool sparse = false;
 };
 // Mapping-pairs bytes of `runs` (absolute LCNs), with the end marker.
-std::vector<std::uint8_t> encodeRunList(const std::vector<Run>& runs);
+std::vector<std::uint8_t> encodeRunList(const std::vector<MappingRun>& runs);
 // The runs of the mapping pairs at `bytes` (stops at the end marker or a fault).
-std::vector<Run> decodeRunList(std::span<const std::uint8_t> bytes);
+std::vector<MappingRun> decodeRunList(std::span<const std::uint8_t> bytes);
 
 // Replaces the run list of attribute `attributeOffset` (a non-resident one)
 // of record `record` by `runBytes`, moving the attributes after it, and sets
