@@ -96,6 +96,8 @@ TEST(IstatParser, ReadsHeaderNamesAttributesAndSparseRuns) {
     EXPECT_EQ(result.fileNames[0].name, "sparse file.bin");
     EXPECT_EQ(result.fileNames[0].parent, 90u);
     EXPECT_EQ(result.fileNames[0].parentSequence, 2u);
+    EXPECT_EQ(result.fileNames[0].flags, "Archive");
+    EXPECT_EQ(result.fileNames[0].created, "2026-11-22 07:35:16.977225800 (UTC)");
 
     ASSERT_EQ(result.attributes.size(), 4u);
     const auto* data = result.find(kData);

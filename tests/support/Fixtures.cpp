@@ -1,5 +1,6 @@
 #include "Fixtures.h"
 
+#include <algorithm>
 #include <array>
 #include <atomic>
 #include <cstdio>
@@ -85,19 +86,23 @@ std::filesystem::path uniqueScratchDirectory() {
     throw std::runtime_error("cannot create a scratch directory in " + base.string());
 }
 
-// Copies `from` to `to`, leaving all-zero blocks as holes so that copies of
-// mostly empty images stay cheap.
-void copySparse(const std::filesystem::path& from, const std::filesystem::path& to) {
+// Copies `count` bytes at `offset` of `from` (to its end at most) to `to`,
+// leaving all-zero blocks as holes so that copies of mostly empty images stay
+// cheap.
+void copySparse(const std::filesystem::path& from, const std::filesystem::path& to,
+                std::uint64_t offset, std::uint64_t count) {
     std::ifstream in(from, std::ios::binary);
     if (!in)
         throw std::runtime_error("cannot open " + from.string());
     std::ofstream out(to, std::ios::binary | std::ios::trunc);
     if (!out)
         throw std::runtime_error("cannot create " + to.string());
+    in.seekg(static_cast<std::streamoff>(offset));
     std::vector<char> block(64 * 1024);
     std::uint64_t position = 0;
-    while (in) {
-        in.read(block.data(), static_cast<std::streamsize>(block.size()));
+    while (in && position < count) {
+        const auto want = std::min<std::uint64_t>(block.size(), count - position);
+        in.read(block.data(), static_cast<std::streamsize>(want));
         const auto got = static_cast<std::size_t>(in.gcount());
         if (got == 0)
             break;
@@ -278,14 +283,15 @@ std::string utf16ToUtf8(std::u16string_view text) {
 
 // ---- ScratchImage --------------------------------------------------------------
 
-ScratchImage::ScratchImage(const std::filesystem::path& original) {
+ScratchImage::ScratchImage(const std::filesystem::path& original, std::uint64_t offset,
+                           std::uint64_t count) {
     if (!std::filesystem::is_regular_file(original))
         throw std::runtime_error("no image at " + original.string() +
                                  " (is the ntfs_images fixture built?)");
     m_directory = uniqueScratchDirectory();
     m_path = m_directory / original.filename();
     try {
-        copySparse(original, m_path);
+        copySparse(original, m_path, offset, count);
     } catch (...) {
         release();
         throw;

@@ -295,7 +295,10 @@ std::string utf16ToUtf8(std::u16string_view text);
 // when the object goes. Holes of the original stay holes in the copy.
 class ScratchImage {
 public:
-    explicit ScratchImage(const std::filesystem::path& original);
+    // The whole image, or `count` bytes from `offset` (a partition's volume
+    // as a file of its own, for tools that take whole volumes only).
+    explicit ScratchImage(const std::filesystem::path& original, std::uint64_t offset = 0,
+                          std::uint64_t count = UINT64_MAX);
     ~ScratchImage();
     ScratchImage(const ScratchImage&) = delete;
     ScratchImage& operator=(const ScratchImage&) = delete;

@@ -1,4 +1,5 @@
 #include "Oracle.h"
+#include "Fixtures.h"
 #include "WineTools.h"
 
 #include <algorithm>
@@ -397,6 +398,14 @@ IstatResult parseIstat(std::string_view text) {
                     parseFailure("istat parent", line);
                 fileName.parent = number<std::uint64_t>(words[3], "parent");
                 fileName.parentSequence = number<std::uint16_t>(words[5], "parent sequence");
+            } else if (const auto pair = keyValue(trimmed); pair && pair->first == "Flags") {
+                fileName.flags = std::string(pair->second);
+            } else if (pair && pair->first == "Created") {
+                fileName.created = std::string(pair->second);
+            } else if (pair && pair->first == "File Modified") {
+                fileName.modified = std::string(pair->second);
+            } else if (pair && pair->first == "Accessed") {
+                fileName.accessed = std::string(pair->second);
             } else if (trimmed.starts_with("Allocated Size: ")) {
                 const auto words = splitWords(trimmed);
                 if (words.size() < 6)
@@ -720,56 +729,15 @@ std::map<std::string, std::string> parseNtfsinfoPairs(std::string_view text) {
     return pairs;
 }
 
-namespace {
-
-// Copies `size` bytes at `offset` of `image` into a new temporary file.
-std::filesystem::path extractVolume(const std::filesystem::path& image, std::uint64_t offset,
-                                    std::uint64_t size) {
-    std::ifstream in(image, std::ios::binary);
-    if (!in)
-        throw OracleError("cannot open " + image.string());
-    in.seekg(static_cast<std::streamoff>(offset));
-    const auto extracted = temporaryFile();
-    std::ofstream out(extracted, std::ios::binary | std::ios::trunc);
-    std::vector<char> block(1 << 20);
-    std::uint64_t left = size;
-    while (left > 0) {
-        const auto want = static_cast<std::streamsize>(std::min<std::uint64_t>(left, block.size()));
-        in.read(block.data(), want);
-        if (in.gcount() != want)
-            throw OracleError("short read of the volume in " + image.string());
-        out.write(block.data(), want);
-        left -= static_cast<std::uint64_t>(want);
-    }
-    out.close();
-    if (!out)
-        throw OracleError("cannot write " + extracted.string());
-    return extracted;
-}
-
-} // namespace
-
 std::string volumeInconsistencies(const std::filesystem::path& image, std::uint64_t volumeOffset,
                                   std::uint64_t volumeSize) {
-    std::filesystem::path volume = image;
-    std::filesystem::path extracted;
-    if (volumeOffset != 0 || volumeSize != 0) {
-        extracted = extractVolume(image, volumeOffset, volumeSize);
-        volume = extracted;
-    }
-    ToolOutput output;
-    try {
-        output = runTool({"ntfsresize", "--info", "--force", "--no-progress-bar", volume.string()});
-    } catch (...) {
-        if (!extracted.empty())
-            std::filesystem::remove(extracted);
-        throw;
-    }
-    if (!extracted.empty())
-        std::filesystem::remove(extracted);
-    if (output.exitCode == 0)
-        return {};
-    return output.out + output.err;
+    std::optional<ScratchImage> extracted;
+    if (volumeOffset != 0 || volumeSize != 0)
+        extracted.emplace(image, volumeOffset, volumeSize);
+    const ToolOutput output =
+        runTool({"ntfsresize", "--info", "--force", "--no-progress-bar",
+                 (extracted ? extracted->path() : image).string()});
+    return output.exitCode == 0 ? std::string{} : output.out + output.err;
 }
 
 std::map<std::string, std::string> volumeInfo(const std::filesystem::path& volume) {

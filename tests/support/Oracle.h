@@ -105,6 +105,8 @@ struct IstatFileName {
     std::uint16_t parentSequence = 0;
     std::uint64_t allocatedSize = 0;
     std::uint64_t actualSize = 0;
+    std::string flags;                       // "Archive, Hidden" as istat prints them
+    std::string created, modified, accessed; // "2026-11-22 07:40:10.488824700 (UTC)"
 };
 
 struct IstatResult {
