@@ -1,5 +1,6 @@
 // The disk-image backend on the fixture images, checked against The Sleuth
 // Kit, NTFS-3G's tools and sfdisk, through the same calls the library makes.
+#include "support/AttachedDisks.h"
 #include "support/FakePlatform.h"
 #include "support/Fixtures.h"
 #include "support/Oracle.h"
@@ -9,9 +10,6 @@
 
 #include <gtest/gtest.h>
 
-#include <sys/wait.h>
-#include <unistd.h>
-
 #include <cstdlib>
 #include <cstring>
 #include <vector>
@@ -20,29 +18,12 @@ namespace {
 
 namespace platform = kestrow::platform;
 namespace oracle = kestrow::test::oracle;
+using kestrow::test::AttachedDisks;
 using kestrow::test::FixtureImage;
 using kestrow::test::ImageFacts;
 
 using kestrow::test::narrow;
 using kestrow::test::widen;
-
-// Attaches one image for the life of the object; detaches afterwards.
-class Attached {
-public:
-    explicit Attached(const std::vector<std::string>& paths) {
-        std::string error;
-        m_ok = platform::attachDisks(paths, error);
-        EXPECT_TRUE(m_ok) << error;
-    }
-    ~Attached() {
-        std::string error;
-        platform::attachDisks({}, error);
-    }
-    bool ok() const { return m_ok; }
-
-private:
-    bool m_ok = false;
-};
 
 class Handle {
 public:
@@ -139,7 +120,14 @@ std::vector<std::uint8_t> volumeBitmap(HANDLE volume, std::uint64_t& clusters) {
     return {out.begin() + 16, out.end()};
 }
 
-class EveryImage : public testing::TestWithParam<ImageFacts> {};
+// Each image attached alone.
+class EveryImage : public testing::TestWithParam<ImageFacts> {
+protected:
+    void SetUp() override { ASSERT_TRUE(attached.ok()) << attached.error(); }
+    const ImageFacts& facts = GetParam();
+    const std::filesystem::path image = kestrow::test::imagePath(facts.image);
+    AttachedDisks attached{image};
+};
 
 INSTANTIATE_TEST_SUITE_P(Fixtures, EveryImage, testing::ValuesIn(kestrow::test::allImages()),
                          [](const auto& info) {
@@ -152,9 +140,6 @@ INSTANTIATE_TEST_SUITE_P(Fixtures, EveryImage, testing::ValuesIn(kestrow::test::
                          });
 
 TEST_P(EveryImage, VolumeIsFoundWhereThePartitionTableSaysAndGetsLetterC) {
-    const ImageFacts& facts = GetParam();
-    Attached attached({kestrow::test::imagePath(facts.image).string()});
-    ASSERT_TRUE(attached.ok());
     const auto disks = platform::attachedDisks();
     ASSERT_EQ(disks.size(), 1u);
     EXPECT_EQ(disks[0].bytesPerSector, facts.bytesPerSector);
@@ -184,11 +169,7 @@ TEST_P(EveryImage, VolumeIsFoundWhereThePartitionTableSaysAndGetsLetterC) {
 }
 
 TEST_P(EveryImage, VolumeInformationAndGeometryAgreeWithFsstat) {
-    const ImageFacts& facts = GetParam();
-    const auto image = kestrow::test::imagePath(facts.image);
     const oracle::FsstatResult fsstat = oracle::fileSystemStats(image, facts.volumeOffset / 512);
-    Attached attached({image.string()});
-    ASSERT_TRUE(attached.ok());
 
     WCHAR label[1024] = {};
     WCHAR fileSystem[256] = {};
@@ -250,9 +231,6 @@ TEST_P(EveryImage, VolumeInformationAndGeometryAgreeWithFsstat) {
 }
 
 TEST_P(EveryImage, DiskExtentIsTheVolumesPlaceOnTheDisk) {
-    const ImageFacts& facts = GetParam();
-    Attached attached({kestrow::test::imagePath(facts.image).string()});
-    ASSERT_TRUE(attached.ok());
     Handle volume("\\\\?\\C:");
     ASSERT_TRUE(volume.valid());
     VOLUME_DISK_EXTENTS extents{};
@@ -270,13 +248,9 @@ TEST_P(EveryImage, DiskExtentIsTheVolumesPlaceOnTheDisk) {
 }
 
 TEST_P(EveryImage, MftRunsAgreeWithIstatAndNtfsinfo) {
-    const ImageFacts& facts = GetParam();
-    const auto image = kestrow::test::imagePath(facts.image);
     const oracle::IstatResult istat = oracle::inspectRecord(image, 0, facts.volumeOffset / 512);
     const oracle::IstatAttribute* data = istat.find(oracle::kData);
     ASSERT_NE(data, nullptr);
-    Attached attached({image.string()});
-    ASSERT_TRUE(attached.ok());
     ASSERT_NE(platform::GetFileAttributesW(widen("C:\\$MFT").c_str()), INVALID_FILE_ATTRIBUTES);
     // The library opens the file with no access, only for the control request.
     Handle mft("\\\\.\\C:\\$MFT", 0, FILE_FLAG_OVERLAPPED | FILE_FLAG_NO_BUFFERING);
@@ -309,11 +283,7 @@ TEST_P(EveryImage, MftRunsAgreeWithIstatAndNtfsinfo) {
 }
 
 TEST_P(EveryImage, BitmapAgreesWithTheSleuthKit) {
-    const ImageFacts& facts = GetParam();
-    const auto image = kestrow::test::imagePath(facts.image);
     const std::vector<bool> expected = oracle::allocatedClusters(image, facts.volumeOffset / 512);
-    Attached attached({image.string()});
-    ASSERT_TRUE(attached.ok());
     Handle volume("\\\\?\\C:");
     ASSERT_TRUE(volume.valid());
     std::uint64_t clusters = 0;
@@ -328,10 +298,6 @@ TEST_P(EveryImage, BitmapAgreesWithTheSleuthKit) {
 }
 
 TEST_P(EveryImage, VolumeAndDiskHandlesReadRawSectorsUnderDeviceRules) {
-    const ImageFacts& facts = GetParam();
-    const auto image = kestrow::test::imagePath(facts.image);
-    Attached attached({image.string()});
-    ASSERT_TRUE(attached.ok());
     const std::uint32_t sector = facts.bytesPerSector;
     const auto expectedBoot = kestrow::test::readFileBytes(image, facts.volumeOffset, sector);
 
@@ -380,7 +346,7 @@ TEST_P(EveryImage, VolumeAndDiskHandlesReadRawSectorsUnderDeviceRules) {
 
 TEST(DiskImageBackend, MbrDiskGivesTheFatPartitionTheNextLetter) {
     const auto image = kestrow::test::mbrDisk();
-    Attached attached({image.string()});
+    AttachedDisks attached(image);
     ASSERT_TRUE(attached.ok());
     const auto volumes = platform::attachedVolumes();
     ASSERT_EQ(volumes.size(), 2u);
@@ -435,8 +401,8 @@ TEST(DiskImageBackend, MbrDiskGivesTheFatPartitionTheNextLetter) {
 }
 
 TEST(DiskImageBackend, SeveralDisksAreNumberedAndLetteredInOrder) {
-    Attached attached({kestrow::test::bareVolume().string(), kestrow::test::gptDisk().string(),
-                       kestrow::test::mbrDisk().string()});
+    AttachedDisks attached({kestrow::test::bareVolume(), kestrow::test::gptDisk(),
+                            kestrow::test::mbrDisk()});
     ASSERT_TRUE(attached.ok());
     const auto volumes = platform::attachedVolumes();
     ASSERT_EQ(volumes.size(), 4u);
@@ -476,24 +442,21 @@ TEST(DiskImageBackend, PinnedLettersWinAndTheRestFillFromC) {
     EXPECT_FALSE(platform::disksAttached());
 }
 
-TEST(DiskImageBackend, EnvironmentVariableAttachesDisksOnFirstUse) {
-    // A fresh process, as the variable is read once per process.
-    const pid_t child = fork();
-    ASSERT_GE(child, 0);
-    if (child == 0) {
-        const std::string list =
-            kestrow::test::bareVolume().string() + ":" + kestrow::test::gptDisk().string();
-        setenv("KESTROW_DISKS", list.c_str(), 1);
-        std::string error;
-        const bool ok =
-            platform::attachDisksFromEnvironment(error) && platform::attachedDisks().size() == 2 &&
-            platform::attachedVolumes().size() == 2 && platform::attachedVolumes()[1].letter == 'D';
-        _exit(ok ? 0 : 1);
-    }
-    int status = 0;
-    waitpid(child, &status, 0);
-    ASSERT_TRUE(WIFEXITED(status));
-    EXPECT_EQ(WEXITSTATUS(status), 0);
+TEST(DiskImageBackendDeathTest, EnvironmentVariableAttachesDisksOnFirstUse) {
+    // A fresh process: the first platform call of a process reads the variable.
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    const std::string list =
+        kestrow::test::bareVolume().string() + ":" + kestrow::test::gptDisk().string();
+    EXPECT_EXIT(
+        {
+            setenv("KESTROW_DISKS", list.c_str(), 1);
+            const bool ok = platform::GetFileAttributesW(widen("D:\\$MFT").c_str()) !=
+                                INVALID_FILE_ATTRIBUTES &&
+                            platform::attachedDisks().size() == 2 &&
+                            platform::attachedVolumes().size() == 2;
+            std::_Exit(ok ? 0 : 1);
+        },
+        testing::ExitedWithCode(0), "");
 }
 
 } // namespace
@@ -510,7 +473,7 @@ std::uint64_t bareRecordOffset(std::uint64_t index) {
 TEST(DamagedVolume, LostVolumeRecordLeavesAnEmptyLabel) {
     kestrow::test::ScratchImage scratch(kestrow::test::bareVolume());
     scratch.patch(bareRecordOffset(3), std::vector<std::uint8_t>{'B', 'A', 'A', 'D'});
-    Attached attached({scratch.path().string()});
+    AttachedDisks attached(scratch.path());
     WCHAR label[64] = {'x', 0};
     WCHAR fileSystem[64] = {};
     ASSERT_TRUE(platform::GetVolumeInformationW(widen("C:\\").c_str(), label, 64, nullptr, nullptr,
@@ -523,7 +486,7 @@ TEST(DamagedVolume, LostVolumeRecordLeavesAnEmptyLabel) {
 TEST(DamagedVolume, LostUpcaseTableStillComparesAsciiNamesWithoutCase) {
     kestrow::test::ScratchImage scratch(kestrow::test::bareVolume());
     scratch.patch(bareRecordOffset(10), std::vector<std::uint8_t>{0, 0, 0, 0});
-    Attached attached({scratch.path().string()});
+    AttachedDisks attached(scratch.path());
     EXPECT_NE(platform::GetFileAttributesW(widen("C:\\$attrdef").c_str()), INVALID_FILE_ATTRIBUTES);
     EXPECT_NE(platform::GetFileAttributesW(widen("C:\\$bitmap").c_str()), INVALID_FILE_ATTRIBUTES);
     // The table's own record is the damaged one.
@@ -534,7 +497,7 @@ TEST(DamagedVolume, LostUpcaseTableStillComparesAsciiNamesWithoutCase) {
 TEST(DamagedVolume, UnreadableMftRecordZeroIsARawVolumeThatStillReadsSectors) {
     kestrow::test::ScratchImage scratch(kestrow::test::bareVolume());
     scratch.patch(bareRecordOffset(0), std::vector<std::uint8_t>{0, 0, 0, 0});
-    Attached attached({scratch.path().string()});
+    AttachedDisks attached(scratch.path());
     ASSERT_EQ(platform::attachedVolumes().size(), 1u);
     EXPECT_FALSE(platform::GetVolumeInformationW(widen("C:\\").c_str(), nullptr, 0, nullptr, nullptr,
                                                  nullptr, nullptr, 0));
@@ -561,7 +524,7 @@ TEST(DamagedVolume, NothingWritesToTheImages) {
     kestrow::test::ScratchImage scratch(kestrow::test::bareVolume());
     const auto before = scratch.read(0, static_cast<std::size_t>(scratch.size()));
     {
-        Attached attached({scratch.path().string()});
+        AttachedDisks attached(scratch.path());
         Handle volume("\\\\.\\C:", GENERIC_READ | GENERIC_WRITE);
         Handle disk("\\\\.\\PhysicalDrive0", GENERIC_READ | GENERIC_WRITE);
         EXPECT_TRUE(volume.valid());
