@@ -1,5 +1,6 @@
 // Volume on the fixture images, through the disk-image backend, compared with
 // what The Sleuth Kit and NTFS-3G's tools say about the same images.
+#include "support/AttachedDisks.h"
 #include "support/Fixtures.h"
 #include "support/LogCapture.h"
 #include "support/Oracle.h"
@@ -15,9 +16,6 @@
 #include <algorithm>
 #include <cctype>
 #include <cstdio>
-#include <fstream>
-#include <optional>
-#include <random>
 #include <regex>
 #include <string>
 #include <vector>
@@ -37,27 +35,6 @@ std::string printf_(const char* format, auto... values) {
     return text;
 }
 
-// Attaches the images for the life of the object, then detaches them.
-class AttachedDisks {
-public:
-    explicit AttachedDisks(const std::vector<fs::path>& images) {
-        std::vector<std::string> paths;
-        for (const fs::path& image : images)
-            paths.push_back(image.string());
-        std::string error;
-        m_attached = platform::attachDisks(paths, error);
-        EXPECT_TRUE(m_attached) << error;
-    }
-    ~AttachedDisks() {
-        std::string error;
-        platform::attachDisks({}, error);
-    }
-    bool ok() const { return m_attached; }
-
-private:
-    bool m_attached = false;
-};
-
 // The letter the backend gave the volume that starts at `offset` of disk 0.
 char letterAt(std::uint64_t offset) {
     for (const platform::VolumeInfo& info : platform::attachedVolumes())
@@ -66,49 +43,17 @@ char letterAt(std::uint64_t offset) {
     return 0;
 }
 
-// The NTFS volume of a whole-disk image as a file of its own, for NTFS-3G's
-// tools, which take whole volumes only. Removed with the object.
-class ExtractedVolume {
-public:
-    ExtractedVolume(const fs::path& image, std::uint64_t offset, std::uint64_t size) {
-        m_path = fs::temp_directory_path() /
-                 ("kestrow-volume-" + std::to_string(std::random_device()()) + "-" +
-                  image.filename().string());
-        std::ifstream in(image, std::ios::binary);
-        std::ofstream out(m_path, std::ios::binary | std::ios::trunc);
-        in.seekg(static_cast<std::streamoff>(offset));
-        std::vector<char> chunk(1 << 20);
-        for (std::uint64_t left = size; left > 0 && in;) {
-            const std::size_t n =
-                static_cast<std::size_t>(std::min<std::uint64_t>(left, chunk.size()));
-            in.read(chunk.data(), static_cast<std::streamsize>(n));
-            out.write(chunk.data(), in.gcount());
-            left -= static_cast<std::uint64_t>(in.gcount());
-        }
-    }
-    ~ExtractedVolume() {
-        std::error_code ignored;
-        fs::remove(m_path, ignored);
-    }
-    const fs::path& path() const { return m_path; }
-
-private:
-    fs::path m_path;
-};
-
-// ---- One test per image ---------------------------------------------------------------
-
 class VolumeOnImage : public ::testing::TestWithParam<FixtureImage> {
 protected:
+    void SetUp() override { ASSERT_TRUE(disks.ok()) << disks.error(); }
     const ImageFacts& facts() const { return factsOf(GetParam()); }
     fs::path image() const { return imagePath(GetParam()); }
     // The Sleuth Kit counts the volume's offset in 512-byte units.
     std::uint64_t tskOffset() const { return facts().volumeOffset / 512; }
+    AttachedDisks disks{image()};
 };
 
 TEST_P(VolumeOnImage, GeometryAndExtentAreThoseTheToolsReport) {
-    AttachedDisks disks({image()});
-    ASSERT_TRUE(disks.ok());
     const char letter = letterAt(facts().volumeOffset);
     ASSERT_NE(letter, 0) << "no letter for the NTFS volume";
 
@@ -152,8 +97,6 @@ TEST_P(VolumeOnImage, GeometryAndExtentAreThoseTheToolsReport) {
 }
 
 TEST_P(VolumeOnImage, TextShowsTheGeometryAndTheExtent) {
-    AttachedDisks disks({image()});
-    ASSERT_TRUE(disks.ok());
     const char letter = letterAt(facts().volumeOffset);
     const oracle::FsstatResult fsstat = oracle::fileSystemStats(image(), tskOffset());
     Volume volume(letter);
@@ -198,15 +141,10 @@ std::vector<oracle::NtfsinfoRun> mftRunsOf(const fs::path& volumeFile) {
 
 TEST_P(VolumeOnImage, MftExtentsAreTheToolsRunsInDiskSectors) {
     const ImageFacts& f = facts();
-    std::optional<ExtractedVolume> extracted;
-    if (f.isWholeDisk)
-        extracted.emplace(image(), f.volumeOffset, f.volumeSize);
     const std::vector<oracle::NtfsinfoRun> runs =
-        mftRunsOf(extracted ? extracted->path() : image());
+        mftRunsOf(ScratchImage(image(), f.volumeOffset, f.volumeSize).path());
     const oracle::IstatResult istat = oracle::inspectRecord(image(), 0, tskOffset());
 
-    AttachedDisks disks({image()});
-    ASSERT_TRUE(disks.ok());
     const char letter = letterAt(f.volumeOffset);
     Volume volume(letter);
     orv::Array<Volume::FileExtent> extents;
@@ -254,8 +192,6 @@ TEST_P(VolumeOnImage, UsedClustersAreThoseTheBitmapMarks) {
         if (used[cluster])
             expected.push_back(cluster);
 
-    AttachedDisks disks({image()});
-    ASSERT_TRUE(disks.ok());
     Volume volume(letterAt(facts().volumeOffset));
     orv::Array<unsigned long long> clusters;
     ASSERT_TRUE(volume.getUsedClusters(clusters));
@@ -268,8 +204,6 @@ TEST_P(VolumeOnImage, UsedClustersAreThoseTheBitmapMarks) {
 
 TEST_P(VolumeOnImage, SectorReadsAndDumpsShowTheImagesBytes) {
     const ImageFacts& f = facts();
-    AttachedDisks disks({image()});
-    ASSERT_TRUE(disks.ok());
     Volume volume(letterAt(f.volumeOffset));
 
     // The boot sector of the volume, through the physical drive.
@@ -331,7 +265,7 @@ TEST(VolumeOnPartitionedDisk, FatPartitionHasNamesAndGeometryButIsNotInitialised
     ASSERT_TRUE(std::regex_search(fsstat, match, std::regex("Cluster Size: ([0-9]+)")));
     const unsigned clusterSize = static_cast<unsigned>(std::stoul(match[1].str()));
 
-    AttachedDisks disks({disk});
+    AttachedDisks disks(disk);
     ASSERT_TRUE(disks.ok());
     const char letter = letterAt(kMbrFatStartSector * 512);
     ASSERT_NE(letter, 0);
@@ -356,19 +290,6 @@ TEST(VolumeOnPartitionedDisk, FatPartitionHasNamesAndGeometryButIsNotInitialised
     EXPECT_FALSE(
         volume.getFileExtents(orv::String(printf_("%c:\\Readme.txt", letter).c_str()), extents));
     EXPECT_EQ(extents.size(), 0u);
-}
-
-TEST(VolumeOnPartitionedDisk, LetterWithoutVolumeIsEmptyButDescribable) {
-    AttachedDisks disks({mbrDisk()});
-    ASSERT_TRUE(disks.ok());
-    Volume volume('Q');
-    EXPECT_FALSE(volume.initialized());
-    EXPECT_TRUE(volume.name().empty());
-    EXPECT_EQ(volume.totalClusters(), 0u);
-    EXPECT_EQ(volume.getVolumeExtents().size(), 0u);
-    const std::string text = utf8(volume.toString());
-    EXPECT_TRUE(text.starts_with("Volume 'Q:'\n   Path                : \n")) << text;
-    EXPECT_NE(text.find("   Volume Size         : 0.00 GB\n"), std::string::npos) << text;
 }
 
 } // namespace
