@@ -1,6 +1,7 @@
 // FileRecordMap on real NTFS images: child lists against NTFS-3G's ntfsls,
 // path lookup against The Sleuth Kit's ifind, the logged failures, and the
 // merged and unique child lists on copies of images whose names were patched.
+#include "support/AttachedDisks.h"
 #include "support/Fixtures.h"
 #include "support/LogCapture.h"
 #include "support/Oracle.h"
@@ -50,12 +51,13 @@ struct MappedImage {
             table->buildRecordMap();
         map = std::make_unique<FileRecordMap>(*table);
     }
-    ~MappedImage() {
+    ~MappedImage() { close(); }
+    // Closes the map, the table and the volume, and detaches the image.
+    void close() {
         map.reset();
         table.reset();
         volume.reset();
-        std::string error;
-        kestrow::platform::attachDisks({}, error);
+        kestrow::test::AttachedDisks::detach();
     }
 
     unsigned long long recordCount() {
@@ -383,11 +385,7 @@ TEST(FileRecordMapUnique, CoincidingChildPathsKeepTheFirstInListOrder) {
         secondIndex = original.indexOf(windowsFull("Indexed/" + second));
         const std::uint64_t offset = recordOffset(original, secondIndex);
         const std::uint32_t size = original.volume->bytesPerFileRecord();
-        original.map.reset();
-        original.table.reset();
-        original.volume.reset();
-        std::string error;
-        kestrow::platform::attachDisks({}, error);
+        original.close();
         renameInRecord(scratch, offset, size, second, first);
     }
     MappedImage image(scratch.path());
@@ -423,11 +421,7 @@ TEST(FileRecordMapMerged, DirectoriesWithTheSamePathShareOneMergedList) {
         names = original.indexOf(windowsFull("Names"));
         const std::uint64_t offset = recordOffset(original, names);
         const std::uint32_t size = original.volume->bytesPerFileRecord();
-        original.map.reset();
-        original.table.reset();
-        original.volume.reset();
-        std::string error;
-        kestrow::platform::attachDisks({}, error);
+        original.close();
         renameInRecord(scratch, offset, size, "Names", "Links");
     }
     MappedImage image(scratch.path());
