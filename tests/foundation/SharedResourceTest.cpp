@@ -1,56 +1,16 @@
-#include <kestrow/Platform.h>
+// Shared handles: the last copy closes, failed opens and wrapped invalid
+// handles close nothing; the file-system query asks the platform.
+#include "support/FakePlatform.h"
+
 #include <orv/SharedResource.h>
 #include <orv/System.h>
 
 #include <gtest/gtest.h>
 
-#include <map>
-
 namespace {
 
 namespace platform = kestrow::platform;
-
-// Hands out numbered handles and records every open and close.
-class HandleCounter : public platform::Api {
-public:
-    HANDLE CreateFileW(LPCWSTR name, DWORD, DWORD, LPSECURITY_ATTRIBUTES, DWORD, DWORD,
-                       HANDLE) override {
-        lastPath = orv::String(name, static_cast<unsigned int>(std::char_traits<WCHAR>::length(name)));
-        if (failOpen) {
-            SetLastError(ERROR_FILE_NOT_FOUND);
-            return INVALID_HANDLE_VALUE;
-        }
-        HANDLE h = reinterpret_cast<HANDLE>(static_cast<std::intptr_t>(++opened));
-        open[h] = true;
-        return h;
-    }
-    BOOL CloseHandle(HANDLE h) override {
-        ++closed;
-        open.erase(h);
-        return TRUE;
-    }
-    BOOL ReadFile(HANDLE, LPVOID, DWORD, LPDWORD, LPOVERLAPPED) override { return FALSE; }
-    BOOL SetFilePointerEx(HANDLE, LARGE_INTEGER, PLARGE_INTEGER, DWORD) override { return FALSE; }
-    BOOL DeviceIoControl(HANDLE, DWORD, LPVOID, DWORD, LPVOID, DWORD, LPDWORD,
-                         LPOVERLAPPED) override {
-        return FALSE;
-    }
-    BOOL GetVolumeInformationW(LPCWSTR, LPWSTR, DWORD, LPDWORD, LPDWORD, LPDWORD, LPWSTR,
-                               DWORD) override {
-        return FALSE;
-    }
-    BOOL GetDiskFreeSpaceW(LPCWSTR, LPDWORD, LPDWORD, LPDWORD, LPDWORD) override { return FALSE; }
-    DWORD GetFileAttributesW(LPCWSTR name) override {
-        return orv::String(name, 3) == "C:\\" ? FILE_ATTRIBUTE_DIRECTORY : INVALID_FILE_ATTRIBUTES;
-    }
-    BOOL GlobalMemoryStatusEx(LPMEMORYSTATUSEX) override { return FALSE; }
-
-    int opened = 0;
-    int closed = 0;
-    bool failOpen = false;
-    orv::String lastPath;
-    std::map<HANDLE, bool> open;
-};
+using kestrow::test::FakePlatform;
 
 using Handle = orv::SharedResource<orv::DescriptorStorage<HANDLE, -1, orv::FileHandleResManager>>;
 
@@ -58,82 +18,75 @@ orv::CreateFileOpenArgs driveArgs() {
     return orv::CreateFileOpenArgs(orv::String("\\\\.\\PhysicalDrive0"), 0xC0000000u, 3, 3, 0);
 }
 
-TEST(SharedResource, EmptyHandleReleasesNothing) {
-    HandleCounter api;
-    platform::ScopedApi scope(api);
+class SharedResource : public ::testing::Test {
+protected:
+    SharedResource() { fake.addDisk(0, 4096); }
+    FakePlatform fake;
+    platform::ScopedApi scope{fake};
+};
+
+TEST_F(SharedResource, EmptyHandleReleasesNothing) {
     Handle handle;
     EXPECT_FALSE(handle.isValid());
     EXPECT_EQ(handle.get(), INVALID_HANDLE_VALUE);
     handle.release();
-    EXPECT_EQ(api.closed, 0);
+    EXPECT_EQ(fake.closeHandleCount(), 0u);
 }
 
-TEST(SharedResource, LastCopyCloses) {
-    HandleCounter api;
-    platform::ScopedApi scope(api);
+TEST_F(SharedResource, LastCopyCloses) {
     {
         Handle first;
         ASSERT_TRUE(first.open(driveArgs()));
-        EXPECT_TRUE(api.lastPath == "\\\\.\\PhysicalDrive0");
         Handle second(first);
         EXPECT_EQ(first.shareCount(), 2u);
         EXPECT_EQ(second.get(), first.get());
         first.release();
         EXPECT_FALSE(first.isValid());
-        EXPECT_EQ(api.closed, 0);
+        EXPECT_EQ(fake.closeHandleCount(), 0u);
         EXPECT_TRUE(second.isValid());
         Handle third(std::move(second));
         EXPECT_FALSE(second.isValid());
-        EXPECT_EQ(api.closed, 0);
+        EXPECT_EQ(fake.closeHandleCount(), 0u);
     }
-    EXPECT_EQ(api.opened, 1);
-    EXPECT_EQ(api.closed, 1);
-    EXPECT_TRUE(api.open.empty());
+    EXPECT_EQ(fake.createFileCount(), 1u);
+    EXPECT_EQ(fake.closeHandleCount(), 1u);
+    EXPECT_EQ(fake.openHandles(), 0u);
 }
 
-TEST(SharedResource, FailedOpenKeepsNoManager) {
-    HandleCounter api;
-    api.failOpen = true;
-    platform::ScopedApi scope(api);
-    Handle handle;
-    EXPECT_FALSE(handle.open(driveArgs()));
-    EXPECT_EQ(handle.shareCount(), 0u);
-    handle.release();
-    EXPECT_EQ(api.closed, 0);
-}
-
-TEST(SharedResource, WrappedInvalidHandleIsReleasedWithoutClose) {
-    HandleCounter api;
-    platform::ScopedApi scope(api);
+TEST_F(SharedResource, FailedOpenAndWrappedInvalidHandlesCloseNothing) {
+    fake.failOpen("\\\\.\\PhysicalDrive0", ERROR_FILE_NOT_FOUND);
+    Handle failed;
+    EXPECT_FALSE(failed.open(driveArgs()));
+    EXPECT_EQ(failed.shareCount(), 0u);
+    failed.release();
     {
         Handle handle;
         handle.wrap(INVALID_HANDLE_VALUE);
         EXPECT_EQ(handle.shareCount(), 1u);
         EXPECT_FALSE(handle.isValid());
     }
-    EXPECT_EQ(api.closed, 0);
+    EXPECT_EQ(fake.closeHandleCount(), 0u);
     {
         Handle handle;
         handle.wrap(reinterpret_cast<HANDLE>(static_cast<std::intptr_t>(77)));
     }
-    EXPECT_EQ(api.closed, 1);
+    EXPECT_EQ(fake.closeHandleCount(), 1u);
 }
 
-TEST(SharedResource, ReopeningReleasesThePreviousHandle) {
-    HandleCounter api;
-    platform::ScopedApi scope(api);
+TEST_F(SharedResource, ReopeningReleasesThePreviousHandle) {
     Handle handle;
     ASSERT_TRUE(handle.open(driveArgs()));
     ASSERT_TRUE(handle.open(driveArgs()));
-    EXPECT_EQ(api.closed, 1);
+    EXPECT_EQ(fake.closeHandleCount(), 1u);
     handle.release();
-    EXPECT_EQ(api.closed, 2);
+    EXPECT_EQ(fake.closeHandleCount(), 2u);
+    EXPECT_EQ(fake.openHandles(), 0u);
 }
 
-TEST(FileSystem, ExistsAsksThePlatform) {
-    HandleCounter api;
-    platform::ScopedApi scope(api);
-    EXPECT_TRUE(orv::FileSystem::exists(orv::String("C:\\")));
+TEST_F(SharedResource, FileSystemExistsAsksThePlatform) {
+    fake.addVolume('C');
+    fake.addDirectory('C', "\\Dir");
+    EXPECT_TRUE(orv::FileSystem::exists(orv::String("C:\\Dir")));
     EXPECT_FALSE(orv::FileSystem::exists(orv::String("Q:\\")));
 }
 
