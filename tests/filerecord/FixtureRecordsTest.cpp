@@ -111,58 +111,6 @@ std::vector<std::pair<std::size_t, std::size_t>> attributeSpans(const Bytes& rec
     return spans;
 }
 
-// ---- istat's $FILE_NAME sections ---------------------------------------------------
-
-struct FileNameSection {
-    std::string name;
-    std::string flags;
-    std::uint64_t parent = 0;
-    std::uint64_t parentSequence = 0;
-    std::string created, modified, accessed;
-};
-
-std::string afterColon(const std::string& line) {
-    std::size_t at = line.find(':');
-    std::string rest = line.substr(at + 1);
-    while (!rest.empty() && (rest.front() == ' ' || rest.front() == '\t'))
-        rest.erase(rest.begin());
-    return rest;
-}
-
-std::vector<FileNameSection> fileNameSections(const std::string& istatText) {
-    std::vector<FileNameSection> sections;
-    std::istringstream in(istatText);
-    std::string line;
-    FileNameSection* current = nullptr;
-    while (std::getline(in, line)) {
-        if (line == "$FILE_NAME Attribute Values:") {
-            sections.emplace_back();
-            current = &sections.back();
-            continue;
-        }
-        if (current == nullptr)
-            continue;
-        if (line.empty()) {
-            current = nullptr;
-        } else if (line.starts_with("Flags:")) {
-            current->flags = afterColon(line);
-        } else if (line.starts_with("Name:")) {
-            current->name = line.substr(6);
-        } else if (line.starts_with("Parent MFT Entry:")) {
-            std::istringstream words(line.substr(17));
-            std::string sequenceLabel;
-            words >> current->parent >> sequenceLabel >> current->parentSequence;
-        } else if (line.starts_with("Created:")) {
-            current->created = afterColon(line);
-        } else if (line.starts_with("File Modified:")) {
-            current->modified = afterColon(line);
-        } else if (line.starts_with("Accessed:")) {
-            current->accessed = afterColon(line);
-        }
-    }
-    return sections;
-}
-
 // Days from 1601-01-01 (proleptic Gregorian) to the date.
 std::int64_t daysFrom1601(int y, unsigned m, unsigned d) {
     y -= m <= 2;
@@ -393,14 +341,13 @@ void compareWithIstat(ImageUnderTest& image, std::uint64_t index, const FileReco
         oracle::runToolChecked({"istat", "-z", "UTC", "-o", std::to_string(image.sectorOffset()),
                                 image.path().string(), std::to_string(index)});
     const oracle::IstatResult istat = oracle::parseIstat(text);
-    const std::vector<FileNameSection> names = fileNameSections(text);
     ++checked.records;
 
     // The name rule applied to istat's names, in record order.
-    const FileNameSection* chosen = nullptr;
-    const FileNameSection* last = nullptr;
+    const oracle::IstatFileName* chosen = nullptr;
+    const oracle::IstatFileName* last = nullptr;
     bool longTaken = false;
-    for (const FileNameSection& n : names) {
+    for (const oracle::IstatFileName& n : istat.fileNames) {
         if (n.name.empty())
             continue;
         last = &n;

@@ -34,81 +34,55 @@ TEST(RunListDecoder, DecodesOneRunAndLogsItsSteps) {
                             "208 VCN offset 000000005634h ", "223 Cluster 000000005634h"));
 }
 
-TEST(RunListDecoder, NegativeOffsetMovesBack) {
-    LogCapture log;
-    EXPECT_THAT(decode({0x21, 0x10, 0x00, 0x10, 0x11, 0x08, 0xF0, 0x00}),
-                ElementsAre(ClusterRange(0x10, 0x1000), ClusterRange(0x08, 0xFF0)));
-    // The raw offset is logged before the sign is extended.
-    EXPECT_TRUE(log.contains("208 VCN offset 0000000000F0h "));
-    EXPECT_TRUE(log.contains("223 Cluster 000000000FF0h"));
-    // A three-byte negative offset: -0x100.
-    EXPECT_THAT(decode({0x31, 0x01, 0x00, 0x00, 0x01, 0x31, 0x02, 0x00, 0xFF, 0xFF, 0x00}),
-                ElementsAre(ClusterRange(1, 0x10000), ClusterRange(2, 0xFF00)));
-}
+// Each list, its limit, the ranges kept and a line the decode logs.
+struct DecodeCase {
+    const char* what;
+    Bytes runs;
+    std::uint64_t maxClusters;
+    std::vector<ClusterRange> ranges;
+    const char* line;
+};
 
-TEST(RunListDecoder, SparseRunAddsNoRangeButCountsTowardTheLimit) {
-    LogCapture log;
-    const Bytes runs = {0x01, 0x10, 0x21, 0x08, 0x00, 0x20, 0x00};
-    EXPECT_THAT(decode(runs, 0x18), ElementsAre(ClusterRange(8, 0x2000)));
-    EXPECT_TRUE(log.contains("229 (sparse data)"));
-    log.clear();
-    EXPECT_THAT(decode(runs, 0x17), IsEmpty());
-    EXPECT_TRUE(log.contains("187 Invalid sector count length: 8"));
-}
-
-TEST(RunListDecoder, RefusesLengthFieldsOfZeroOrEightBytes) {
-    LogCapture log;
-    EXPECT_THAT(decode({0x11, 0x04, 0x10, 0x08, 1, 2, 3, 4, 5, 6, 7, 8, 0x00}),
-                ElementsAre(ClusterRange(4, 0x10)));
-    EXPECT_TRUE(log.contains("166 Invalid length data to parse"));
-    log.clear();
-    EXPECT_THAT(decode({0x10, 0x04, 0x00}), IsEmpty());
-    EXPECT_TRUE(log.contains("166 Invalid length data to parse"));
-}
-
-TEST(RunListDecoder, RefusesOffsetFieldsOfEightBytesOrMore) {
-    LogCapture log;
-    EXPECT_THAT(decode({0x11, 0x04, 0x10, 0x81, 0x01, 1, 2, 3, 4, 5, 6, 7, 8, 0x00}),
-                ElementsAre(ClusterRange(4, 0x10)));
-    EXPECT_TRUE(log.contains("196 Invalid offset data to parse"));
-    log.clear();
-    Bytes fifteen = {0xF1, 0x01};
-    fifteen.resize(2 + 15 + 1, 0x01);
-    EXPECT_THAT(decode(fifteen), IsEmpty());
-    EXPECT_TRUE(log.contains("196 Invalid offset data to parse"));
-}
-
-TEST(RunListDecoder, RunPastTheBytesIsRefusedAndEarlierRunsKept) {
-    LogCapture log;
-    EXPECT_THAT(decode({0x11, 0x04, 0x10, 0x21, 0x04, 0x00}), ElementsAre(ClusterRange(4, 0x10)));
-    EXPECT_THAT(log.texts(LOGGER).back(), "171 Data run extends beyond buffer");
-}
-
-TEST(RunListDecoder, TotalBeyondMaxClustersEndsTheDecode) {
-    LogCapture log;
-    EXPECT_THAT(decode({0x11, 0x04, 0x10, 0x11, 0x08, 0x10, 0x11, 0x01, 0x10, 0x00}, 10),
-                ElementsAre(ClusterRange(4, 0x10)));
-    EXPECT_THAT(log.texts(LOGGER).back(), "187 Invalid sector count length: 8");
-    // Exactly the limit passes.
-    EXPECT_THAT(decode({0x11, 0x04, 0x10, 0x11, 0x06, 0x10, 0x00}, 10), testing::SizeIs(2));
-}
-
-TEST(RunListDecoder, ZeroCountAndZeroOffsetAreRefused) {
-    LogCapture log;
-    EXPECT_THAT(decode({0x11, 0x00, 0x10, 0x00}), IsEmpty());
-    EXPECT_TRUE(log.contains("187 Invalid sector count length: 0"));
-    EXPECT_THAT(decode({0x11, 0x04, 0x10, 0x21, 0x04, 0x00, 0x00, 0x00}),
-                ElementsAre(ClusterRange(4, 0x10)));
-    EXPECT_TRUE(log.contains("204 Found non-sparse data runs with no sector offset"));
-}
-
-TEST(RunListDecoder, EmptyBytesAndMissingEndMarker) {
-    LogCapture log;
-    EXPECT_THAT(decode({}), IsEmpty());
-    EXPECT_THAT(log.texts(LOGGER), ElementsAre("150 Empty data runs"));
-    // A list that ends exactly after a run, without its 0: the run counts and
-    // nothing past the bytes is read.
-    EXPECT_THAT(decode({0x11, 0x04, 0x10}), ElementsAre(ClusterRange(4, 0x10)));
+TEST(RunListDecoder, TheCasesOfTheFormat) {
+    Bytes fifteenByteOffset = {0xF1, 0x01};
+    fifteenByteOffset.resize(2 + 15 + 1, 0x01);
+    const std::uint64_t any = 1ULL << 40;
+    const DecodeCase cases[] = {
+        // The raw offset is logged before its sign is extended.
+        {"negative offset", {0x21, 0x10, 0x00, 0x10, 0x11, 0x08, 0xF0, 0x00}, any,
+         {{0x10, 0x1000}, {0x08, 0xFF0}}, "208 VCN offset 0000000000F0h "},
+        {"three-byte negative offset",
+         {0x31, 0x01, 0x00, 0x00, 0x01, 0x31, 0x02, 0x00, 0xFF, 0xFF, 0x00}, any,
+         {{1, 0x10000}, {2, 0xFF00}}, "223 Cluster 00000000FF00h"},
+        {"sparse run", {0x01, 0x10, 0x21, 0x08, 0x00, 0x20, 0x00}, 0x18, {{8, 0x2000}},
+         "229 (sparse data)"},
+        {"sparse run counts toward the limit", {0x01, 0x10, 0x21, 0x08, 0x00, 0x20, 0x00}, 0x17,
+         {}, "187 Invalid sector count length: 8"},
+        {"8-byte length field", {0x11, 0x04, 0x10, 0x08, 1, 2, 3, 4, 5, 6, 7, 8, 0x00}, any,
+         {{4, 0x10}}, "166 Invalid length data to parse"},
+        {"0-byte length field", {0x10, 0x04, 0x00}, any, {}, "166 Invalid length data to parse"},
+        {"8-byte offset field", {0x11, 0x04, 0x10, 0x81, 0x01, 1, 2, 3, 4, 5, 6, 7, 8, 0x00}, any,
+         {{4, 0x10}}, "196 Invalid offset data to parse"},
+        {"15-byte offset field", fifteenByteOffset, any, {}, "196 Invalid offset data to parse"},
+        {"run past the bytes", {0x11, 0x04, 0x10, 0x21, 0x04, 0x00}, any, {{4, 0x10}},
+         "171 Data run extends beyond buffer"},
+        {"total beyond the limit", {0x11, 0x04, 0x10, 0x11, 0x08, 0x10, 0x11, 0x01, 0x10, 0x00},
+         10, {{4, 0x10}}, "187 Invalid sector count length: 8"},
+        {"total exactly the limit", {0x11, 0x04, 0x10, 0x11, 0x06, 0x10, 0x00}, 10,
+         {{4, 0x10}, {6, 0x20}}, "223 Cluster 000000000020h"},
+        {"zero count", {0x11, 0x00, 0x10, 0x00}, any, {}, "187 Invalid sector count length: 0"},
+        {"zero offset", {0x11, 0x04, 0x10, 0x21, 0x04, 0x00, 0x00, 0x00}, any, {{4, 0x10}},
+         "204 Found non-sparse data runs with no sector offset"},
+        {"no bytes", {}, any, {}, "150 Empty data runs"},
+        // The run counts and nothing past the bytes is read.
+        {"no end marker", {0x11, 0x04, 0x10}, any, {{4, 0x10}}, "223 Cluster 000000000010h"},
+    };
+    for (const DecodeCase& c : cases) {
+        SCOPED_TRACE(c.what);
+        LogCapture log;
+        EXPECT_EQ(decode(c.runs, c.maxClusters), c.ranges);
+        EXPECT_TRUE(log.contains(c.line)) << ::testing::PrintToString(log.texts(LOGGER));
+    }
 }
 
 TEST(RunListDecoder, HugeCountsCannotWrapTheTotal) {
