@@ -1,9 +1,9 @@
 // MasterFileTable on real NTFS images, attached through the disk-image
 // backend, compared with what The Sleuth Kit and NTFS-3G's tools say.
+#include "support/AttachedDisks.h"
 #include "support/Fixtures.h"
 #include "support/Oracle.h"
 
-#include <kestrow/Disks.h>
 #include <libKestrow/MasterFileTable.h>
 
 #include <gtest/gtest.h>
@@ -32,73 +32,12 @@ std::string utf8(const orv::String& text) {
     return text.toUtf8();
 }
 
-// Attaches one image as the only disk for the life of the object.
-class AttachedImage {
-public:
-    explicit AttachedImage(const fs::path& image) {
-        std::string error;
-        m_attached = kestrow::platform::attachDisks({image.string()}, error);
-        m_error = error;
-    }
-    ~AttachedImage() {
-        std::string error;
-        kestrow::platform::attachDisks({}, error);
-    }
-    bool attached() const { return m_attached; }
-    const std::string& error() const { return m_error; }
-
-private:
-    bool m_attached = false;
-    std::string m_error;
-};
-
 // A volume and its table on an attached image.
 struct OpenedImage {
     explicit OpenedImage(const fs::path& image) : attachment(image), volume('C'), table(volume) {}
-    AttachedImage attachment;
+    kestrow::test::AttachedDisks attachment;
     Volume volume;
     MasterFileTable table;
-};
-
-// A whole NTFS volume as a file, for NTFS-3G's tools: the image itself, or
-// for a partitioned disk a temporary copy of the partition.
-class VolumeFile {
-public:
-    explicit VolumeFile(const ImageFacts& facts) {
-        const fs::path image = kestrow::test::imagePath(facts.image);
-        if (!facts.isWholeDisk) {
-            m_path = image;
-            return;
-        }
-        m_directory =
-            fs::temp_directory_path() / ("kestrow-mft-" + std::string(facts.fileName) + "-" +
-                                         std::to_string(reinterpret_cast<std::uintptr_t>(this)));
-        fs::create_directories(m_directory);
-        m_path = m_directory / "volume.img";
-        std::ifstream in(image, std::ios::binary);
-        std::ofstream out(m_path, std::ios::binary);
-        in.seekg(static_cast<std::streamoff>(facts.volumeOffset));
-        std::vector<char> chunk(1 << 20);
-        std::uint64_t left = facts.volumeSize;
-        while (left > 0) {
-            const std::size_t n =
-                static_cast<std::size_t>(std::min<std::uint64_t>(left, chunk.size()));
-            in.read(chunk.data(), static_cast<std::streamsize>(n));
-            out.write(chunk.data(), static_cast<std::streamsize>(n));
-            left -= n;
-        }
-    }
-    ~VolumeFile() {
-        if (!m_directory.empty()) {
-            std::error_code ignored;
-            fs::remove_all(m_directory, ignored);
-        }
-    }
-    const fs::path& path() const { return m_path; }
-
-private:
-    fs::path m_directory;
-    fs::path m_path;
 };
 
 // What the independent tools say about one image's MFT, and the record
@@ -157,7 +96,9 @@ MftFacts mftFactsOf(FixtureImage image) {
     const oracle::FsstatResult stats =
         oracle::fileSystemStats(kestrow::test::imagePath(image), out.sectorOffset);
     out.bytesPerRecord = stats.mftEntrySize;
-    VolumeFile volume(*out.facts);
+    // NTFS-3G's tools take whole volumes only.
+    const kestrow::test::ScratchImage volume(kestrow::test::imagePath(image),
+                                             out.facts->volumeOffset, out.facts->volumeSize);
     const oracle::NtfsinfoRecord mft = oracle::recordInfo(volume.path(), 0);
     for (const auto& [attribute, runs] : mft.runLists)
         if (attribute == "$DATA") {
@@ -217,11 +158,9 @@ bool fileNameHitsFixup(const std::vector<std::uint8_t>& record) {
 class MftOnImage : public ::testing::TestWithParam<FixtureImage> {
 protected:
     void SetUp() override {
-        if (!fs::exists(kestrow::test::imagePath(GetParam())))
-            GTEST_SKIP() << "fixture image missing: " << kestrow::test::imagePath(GetParam());
         m_facts = &cachedFacts(GetParam());
         m_opened = std::make_unique<OpenedImage>(kestrow::test::imagePath(GetParam()));
-        ASSERT_TRUE(m_opened->attachment.attached()) << m_opened->attachment.error();
+        ASSERT_TRUE(m_opened->attachment.ok()) << m_opened->attachment.error();
         ASSERT_TRUE(m_opened->volume.initialized());
         ASSERT_TRUE(m_opened->table.initialized());
     }
@@ -451,8 +390,6 @@ class MftClusterOwner : public ::testing::TestWithParam<OwnerCase> {};
 TEST_P(MftClusterOwner, FindRecordClusterAgreesWithIfind) {
     const OwnerCase& c = GetParam();
     const fs::path image = kestrow::test::imagePath(c.image);
-    if (!fs::exists(image))
-        GTEST_SKIP() << "fixture image missing";
     const MftFacts& facts = cachedFacts(c.image);
     const auto real = oracle::findInode(image, c.path, facts.sectorOffset);
     ASSERT_TRUE(real.has_value()) << c.path;
@@ -507,8 +444,6 @@ INSTANTIATE_TEST_SUITE_P(
 
 TEST(MftHostileImage, ParentLoopsReturnFromEveryWalk) {
     const fs::path original = kestrow::test::mbrDisk();
-    if (!fs::exists(original))
-        GTEST_SKIP() << "fixture image missing";
     const MftFacts& facts = cachedFacts(FixtureImage::MbrDisk);
     const auto docs = oracle::findInode(original, kestrow::test::kDocsDir, facts.sectorOffset);
     const auto sub = oracle::findInode(original, kestrow::test::kSubDir, facts.sectorOffset);
@@ -544,8 +479,6 @@ TEST(MftHostileImage, ParentLoopsReturnFromEveryWalk) {
 
 TEST(MftRichImage, DeletedRecordsHaveNoPathAndNoEntry) {
     const fs::path image = kestrow::test::richVolume();
-    if (!fs::exists(image))
-        GTEST_SKIP() << "fixture image missing";
     const MftFacts& facts = cachedFacts(FixtureImage::Rich);
     OpenedImage opened(image);
     ASSERT_TRUE(opened.table.initialized());
@@ -576,8 +509,6 @@ TEST(MftRichImage, DeletedRecordsHaveNoPathAndNoEntry) {
 
 TEST(MftRichImage, PostProcessingListsTheIndexBlockChildren) {
     const fs::path image = kestrow::test::richVolume();
-    if (!fs::exists(image))
-        GTEST_SKIP() << "fixture image missing";
     const MftFacts& facts = cachedFacts(FixtureImage::Rich);
     const auto big = oracle::findInode(image, kestrow::test::rich::kBigDir);
     ASSERT_TRUE(big.has_value());
@@ -604,59 +535,4 @@ TEST(MftRichImage, PostProcessingListsTheIndexBlockChildren) {
     // early, so only most children need to be found.
     EXPECT_EQ(known, entries.size());
     EXPECT_GE(known * 10, children.size() * 9) << known << " of " << children.size();
-}
-
-TEST(MftSector4kImage, EachRunEndsInAPhantomSlot) {
-    const fs::path image = kestrow::test::sector4kVolume();
-    if (!fs::exists(image))
-        GTEST_SKIP() << "fixture image missing";
-    const MftFacts& facts = cachedFacts(FixtureImage::Sector4k);
-    std::uint64_t real = 0;
-    for (const MftFacts::Slots& s : facts.slots)
-        real += s.realCount;
-    ASSERT_EQ(facts.bytesPerRecord, 4096u);
-    OpenedImage opened(image);
-    ASSERT_TRUE(opened.table.initialized());
-    unsigned long long count = 0;
-    ASSERT_TRUE(opened.table.getNumMftRecords(count));
-    EXPECT_EQ(count, real + facts.slots.size());
-    // The phantom slot reads whatever follows the run; the map is built all
-    // the same, and the last real record keeps its own index.
-    ASSERT_TRUE(opened.table.buildRecordMap());
-    EXPECT_EQ(utf8(opened.table.findParentPath(FileReference::ROOT_MFT_RECORD())), ".");
-}
-
-// ---- Attached through KESTROW_DISKS -----------------------------------------------------------
-
-namespace {
-
-// Runs in a fresh process: the variable is read by the first platform call.
-bool pathsThroughTheEnvironment(const fs::path& disk, unsigned long long expectedSlots,
-                                std::uint64_t readmeSlot) {
-#if defined(_WIN32)
-    _putenv_s("KESTROW_DISKS", disk.string().c_str());
-#else
-    setenv("KESTROW_DISKS", disk.string().c_str(), 1);
-#endif
-    Volume volume('C');
-    MasterFileTable table(volume);
-    unsigned long long count = 0;
-    return kestrow::platform::disksAttached() && table.initialized() &&
-           table.getNumMftRecords(count) && count == expectedSlots && table.buildRecordMap() &&
-           utf8(table.findParentPath(FileReference(readmeSlot, 0))) == "\\\\.\\C:\\Readme.txt";
-}
-
-} // namespace
-
-TEST(MftEnvironmentDeathTest, TheMbrDiskThroughKestrowDisks) {
-    const fs::path disk = kestrow::test::mbrDisk();
-    if (!fs::exists(disk))
-        GTEST_SKIP() << "fixture image missing";
-    const MftFacts& facts = cachedFacts(FixtureImage::MbrDisk);
-    const auto readme = oracle::findInode(disk, kestrow::test::kReadmePath, facts.sectorOffset);
-    ASSERT_TRUE(readme.has_value());
-    const std::uint64_t readmeSlot = *facts.slotOf(*readme);
-    GTEST_FLAG_SET(death_test_style, "threadsafe");
-    EXPECT_EXIT(std::_Exit(pathsThroughTheEnvironment(disk, facts.slotTotal(), readmeSlot) ? 0 : 1),
-                ::testing::ExitedWithCode(0), "");
 }

@@ -1,5 +1,6 @@
 #include "RecordBuilder.h"
 
+#include <algorithm>
 #include <cstring>
 #include <stdexcept>
 
@@ -120,13 +121,17 @@ FakeMftDrive::FakeMftDrive(const FakeMftGeometry& geometry) : m_geometry(geometr
     volume.sectorsPerCluster = geometry.sectorsPerCluster;
     const std::uint64_t clusterBytes =
         std::uint64_t(geometry.bytesPerSector) * geometry.sectorsPerCluster;
+    // The volume holds its MFT runs even where the disk's bytes end (reads
+    // there find nothing): a run past the volume's end would be cut.
+    std::uint64_t clusters = (geometry.diskSize - geometry.volumeOffset) / clusterBytes;
+    for (const FakeMftGeometry::Run& run : geometry.mftRuns)
+        if (run.lcn >= 0)
+            clusters = std::max(clusters, static_cast<std::uint64_t>(run.lcn) + run.clusters + 1);
     volume.totalClusters =
-        geometry.totalClusters != 0
-            ? geometry.totalClusters
-            : static_cast<DWORD>((geometry.diskSize - geometry.volumeOffset) / clusterBytes);
+        static_cast<DWORD>(geometry.totalClusters != 0 ? geometry.totalClusters : clusters);
     volume.freeClusters = volume.totalClusters / 2;
     FakePlatform::fillNtfsData(volume, geometry.bytesPerFileRecord);
-    volume.extents = {{0, geometry.volumeOffset, geometry.diskSize - geometry.volumeOffset}};
+    volume.extents = {{0, geometry.volumeOffset, std::uint64_t(volume.totalClusters) * clusterBytes}};
 
     std::vector<platform::RetrievalRun> runs;
     std::int64_t vcn = 0;

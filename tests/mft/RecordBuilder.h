@@ -41,7 +41,8 @@ struct FakeMftGeometry {
     std::uint32_t bytesPerFileRecord = 1024;
     std::uint64_t volumeOffset = 1 << 20; // on disk 0
     std::uint64_t diskSize = 16 << 20;
-    std::uint32_t totalClusters = 0; // 0: what fits on the disk after the offset
+    std::uint32_t totalClusters = 0; // 0: what fits on the disk after the offset, or
+                                     // more, to hold the MFT runs
     struct Run {
         std::int64_t lcn; // volume cluster; -1 for a sparse run
         std::uint64_t clusters;
