@@ -24,6 +24,7 @@ too large for fuzz inputs, so the seeds are the meaningful pieces of them:
                       after them, their run lists rewritten to match
   disk_image_backend  the compact volumes, and compact disks: the MBR and
                       GPT images' tables pointing at compact volumes
+  master_file_table   the same disks as disk_image_backend
 
 Only the fixture images are read; nothing is written but the seeds.
 """
@@ -522,6 +523,10 @@ def main():
     seed_hand_made_run_lists(out)
     seed_logical_chain(out)
     seed_small_fat(out)
+    # The whole stack reads the same disks as the backend target.
+    backend = os.path.join(out, "disk_image_backend")
+    if os.path.isdir(backend):
+        shutil.copytree(backend, os.path.join(out, "master_file_table"))
 
 
 if __name__ == "__main__":

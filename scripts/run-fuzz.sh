@@ -4,7 +4,7 @@
 #
 #   scripts/run-fuzz.sh [seconds-per-target] [build-dir]
 #
-# Seconds default to 40; the build directory to <repo>/build-fuzz. The corpus
+# Seconds default to 35; the build directory to <repo>/build-fuzz. The corpus
 # of each target lives in <build-dir>/corpus/<target> and grows from run to
 # run. An empty corpus is seeded with pieces of the NTFS fixture images
 # ($KESTROW_FIXTURE_DIR, else <repo>/build/fixtures), cut by fuzz/make_seeds.py.
@@ -12,7 +12,7 @@
 # the reproducer is left in <build-dir>/findings.
 set -euo pipefail
 
-seconds=${1:-40}
+seconds=${1:-35}
 root=$(cd "$(dirname "$0")/.." && pwd)
 build=${2:-$root/build-fuzz}
 fixtures=${KESTROW_FIXTURE_DIR:-$root/build/fixtures}
