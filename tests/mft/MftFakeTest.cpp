@@ -89,6 +89,12 @@ FakeMftGeometry oneRunGeometry(std::uint64_t clusters) {
     return g;
 }
 
+RecordSpec named(std::u16string name) {
+    RecordSpec spec;
+    spec.name = std::move(name);
+    return spec;
+}
+
 std::string recordName(MasterFileTable& table, std::uint64_t index) {
     FileRecord record;
     if (!table.getValidMftRecord(FileReference(index, 0), record))
@@ -361,9 +367,7 @@ TEST(MftRecordReaders, RefreshesAlignToTheCapacityWithinTheRun) {
     FakeMftDrive drive(oneRunGeometry(625));              // 2500 records
     drive.fake().setAvailablePhysicalMemory(2 * 1024000); // 1000-record buffer
     for (std::uint64_t index : {1234u, 2300u, 2499u}) {
-        RecordSpec spec;
-        spec.name = u"r" + kestrow::test::utf8ToUtf16(std::to_string(index));
-        drive.writeRecord(index, spec);
+        drive.writeRecord(index, named(u"r" + kestrow::test::utf8ToUtf16(std::to_string(index))));
     }
     LogCapture log;
     OpenedTable opened(drive);
@@ -401,9 +405,7 @@ FakeMftGeometry twoShortRuns() {
 TEST(MftRecordReaders, ARefreshNeverCrossesIntoTheNextRun) {
     FakeMftDrive drive(twoShortRuns());
     drive.fake().setAvailablePhysicalMemory(16384);
-    RecordSpec five;
-    five.name = u"five";
-    drive.writeRecord(5, five);
+    drive.writeRecord(5, named(u"five"));
     LogCapture log;
     OpenedTable opened(drive);
     MasterFileTable& table = opened.table();
@@ -422,12 +424,8 @@ TEST(MftRecordReaders, ARefreshNeverCrossesIntoTheNextRun) {
 TEST(MftRecordReaders, AFailedRefreshKeepsTheNewRangeWithTheOldBytes) {
     FakeMftDrive drive(twoShortRuns());
     drive.fake().setAvailablePhysicalMemory(16384);
-    RecordSpec two;
-    two.name = u"two";
-    drive.writeRecord(2, two);
-    RecordSpec six;
-    six.name = u"six";
-    drive.writeRecord(6, six);
+    drive.writeRecord(2, named(u"two"));
+    drive.writeRecord(6, named(u"six"));
     OpenedTable opened(drive);
     MasterFileTable& table = opened.table();
     ASSERT_TRUE(table.initialized());
@@ -444,9 +442,7 @@ TEST(MftRecordReaders, AFailedRefreshKeepsTheNewRangeWithTheOldBytes) {
 
 TEST(MftRecordReaders, SequenceNumbersAreNotCompared) {
     FakeMftDrive drive(oneRunGeometry(64));
-    RecordSpec spec;
-    spec.name = u"seq";
-    drive.writeRecord(40, spec); // the record's own sequence number is 1
+    drive.writeRecord(40, named(u"seq")); // the record's own sequence number is 1
     OpenedTable opened(drive);
     MasterFileTable& table = opened.table();
     FileRecord record;
@@ -618,9 +614,7 @@ TEST(MftTraceScopes, NameTheirFunctionAndLine) {
 TEST(MftCopies, ACopySharesTheDriveHandle) {
     FakeMftDrive drive(twoShortRuns());
     drive.fake().setAvailablePhysicalMemory(16384);
-    RecordSpec five;
-    five.name = u"five";
-    drive.writeRecord(5, five);
+    drive.writeRecord(5, named(u"five"));
     kestrow::platform::ScopedApi scope(drive.fake());
     Volume volume('C');
     auto original = std::make_unique<MasterFileTable>(volume);
@@ -644,11 +638,8 @@ TEST(MftCopies, ACopySharesTheDriveHandle) {
 TEST(MftCopies, ACopyMovesItsBufferedRangeOnItsOwn) {
     FakeMftDrive drive(oneRunGeometry(625));
     drive.fake().setAvailablePhysicalMemory(2 * 1024000);
-    RecordSpec spec;
-    spec.name = u"early";
-    drive.writeRecord(10, spec);
-    spec.name = u"late";
-    drive.writeRecord(2100, spec);
+    drive.writeRecord(10, named(u"early"));
+    drive.writeRecord(2100, named(u"late"));
     OpenedTable opened(drive);
     MasterFileTable copy(opened.table());
 
@@ -663,18 +654,14 @@ TEST(MftCopies, ACopyMovesItsBufferedRangeOnItsOwn) {
 TEST(MftCopies, ABuildKeepsTheFirstSummaries) {
     FakeMftDrive drive(oneRunGeometry(625));              // 2500 records
     drive.fake().setAvailablePhysicalMemory(2 * 1024000); // a 1000-record buffer
-    RecordSpec spec;
-    spec.name = u"first";
-    drive.writeRecord(10, spec);
+    drive.writeRecord(10, named(u"first"));
     OpenedTable opened(drive);
     MasterFileTable& table = opened.table();
     ASSERT_TRUE(table.buildRecordMap());
     ASSERT_EQ(table.getRecordHashTable().size(), 1u);
 
-    spec.name = u"second";
-    drive.writeRecord(10, spec);
-    spec.name = u"new";
-    drive.writeRecord(20, spec);
+    drive.writeRecord(10, named(u"second"));
+    drive.writeRecord(20, named(u"new"));
     const std::size_t reads = drive.fake().reads().size();
     ASSERT_TRUE(table.buildRecordMap());
     EXPECT_GT(drive.fake().reads().size(), reads) << "the second build reads the disk again";
@@ -708,8 +695,7 @@ namespace {
 void writeTree(FakeMftDrive& drive) {
     auto write = [&](std::uint64_t index, std::u16string name, std::uint64_t parent,
                      bool directory) {
-        RecordSpec spec;
-        spec.name = std::move(name);
+        RecordSpec spec = named(std::move(name));
         spec.parent = parent;
         spec.directory = directory;
         drive.writeRecord(index, spec);
