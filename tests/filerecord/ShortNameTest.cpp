@@ -26,7 +26,8 @@ TEST(ShortName, TheCasesOfTheRule) {
     EXPECT_FALSE(isShort(u"Documents"));
     EXPECT_FALSE(isShort(u"A.B.C"));
     EXPECT_FALSE(isShort(u"ABCDEFGHI.TX"));
-    EXPECT_FALSE(isShort(u"ABCDEFGH.TXTX"));
+    EXPECT_FALSE(isShort(u"ABCDEFGH.TXTX")); // too long as a whole, too
+    EXPECT_FALSE(isShort(u"A.TXTX"));        // only the extension too long
     EXPECT_FALSE(isShort(u"ABCDEFGHIJKLM"));
     EXPECT_FALSE(isShort(u"\u00E9T\u00C9.TXT"));
     EXPECT_FALSE(isShort(u"ABCDEFGHI"));
