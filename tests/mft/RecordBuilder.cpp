@@ -131,7 +131,8 @@ FakeMftDrive::FakeMftDrive(const FakeMftGeometry& geometry) : m_geometry(geometr
         static_cast<DWORD>(geometry.totalClusters != 0 ? geometry.totalClusters : clusters);
     volume.freeClusters = volume.totalClusters / 2;
     FakePlatform::fillNtfsData(volume, geometry.bytesPerFileRecord);
-    volume.extents = {{0, geometry.volumeOffset, std::uint64_t(volume.totalClusters) * clusterBytes}};
+    volume.extents = {
+        {0, geometry.volumeOffset, std::uint64_t(volume.totalClusters) * clusterBytes}};
 
     std::vector<platform::RetrievalRun> runs;
     std::int64_t vcn = 0;

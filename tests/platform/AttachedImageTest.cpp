@@ -1,8 +1,8 @@
 // The backend end to end on an image file it opens itself (through the
 // host's own file calls, POSIX or Win32), without any outside tool: the
 // hand-built volume of MiniNtfs.h written to a temporary file.
-#include "support/FakePlatform.h"
 #include "MiniNtfs.h"
+#include "support/FakePlatform.h"
 
 #include <kestrow/Disks.h>
 #include <kestrow/Platform.h>
@@ -45,8 +45,9 @@ protected:
     }
 
     static HANDLE open(const std::string& name, DWORD access = GENERIC_READ) {
-        return platform::CreateFileW(widen(name).c_str(), access, FILE_SHARE_READ | FILE_SHARE_WRITE,
-                                     nullptr, OPEN_EXISTING, 0, nullptr);
+        return platform::CreateFileW(widen(name).c_str(), access,
+                                     FILE_SHARE_READ | FILE_SHARE_WRITE, nullptr, OPEN_EXISTING, 0,
+                                     nullptr);
     }
 
     std::filesystem::path path;
@@ -88,7 +89,8 @@ TEST_F(AttachedImage, VolumeInformationFreeSpaceAndExtent) {
 
 TEST_F(AttachedImage, FilesResolveReadAndMapTheirRuns) {
     EXPECT_EQ(platform::GetFileAttributesW(widen("C:\\HELLO.TXT").c_str()), 0x20u);
-    EXPECT_NE(platform::GetFileAttributesW(widen("C:\\Sub").c_str()) & FILE_ATTRIBUTE_DIRECTORY, 0u);
+    EXPECT_NE(platform::GetFileAttributesW(widen("C:\\Sub").c_str()) & FILE_ATTRIBUTE_DIRECTORY,
+              0u);
 
     HANDLE hello = open("\\\\.\\C:\\hello.txt");
     ASSERT_NE(hello, INVALID_HANDLE_VALUE);

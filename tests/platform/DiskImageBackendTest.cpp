@@ -401,8 +401,8 @@ TEST(DiskImageBackend, MbrDiskGivesTheFatPartitionTheNextLetter) {
 }
 
 TEST(DiskImageBackend, SeveralDisksAreNumberedAndLetteredInOrder) {
-    AttachedDisks attached({kestrow::test::bareVolume(), kestrow::test::gptDisk(),
-                            kestrow::test::mbrDisk()});
+    AttachedDisks attached(
+        {kestrow::test::bareVolume(), kestrow::test::gptDisk(), kestrow::test::mbrDisk()});
     ASSERT_TRUE(attached.ok());
     const auto volumes = platform::attachedVolumes();
     ASSERT_EQ(volumes.size(), 4u);
@@ -499,8 +499,8 @@ TEST(DamagedVolume, UnreadableMftRecordZeroIsARawVolumeThatStillReadsSectors) {
     scratch.patch(bareRecordOffset(0), std::vector<std::uint8_t>{0, 0, 0, 0});
     AttachedDisks attached(scratch.path());
     ASSERT_EQ(platform::attachedVolumes().size(), 1u);
-    EXPECT_FALSE(platform::GetVolumeInformationW(widen("C:\\").c_str(), nullptr, 0, nullptr, nullptr,
-                                                 nullptr, nullptr, 0));
+    EXPECT_FALSE(platform::GetVolumeInformationW(widen("C:\\").c_str(), nullptr, 0, nullptr,
+                                                 nullptr, nullptr, nullptr, 0));
     EXPECT_EQ(platform::GetLastError(), static_cast<DWORD>(ERROR_UNRECOGNIZED_VOLUME));
     EXPECT_EQ(platform::GetFileAttributesW(widen("C:\\$MFT").c_str()), INVALID_FILE_ATTRIBUTES);
     EXPECT_EQ(platform::GetLastError(), static_cast<DWORD>(ERROR_UNRECOGNIZED_VOLUME));

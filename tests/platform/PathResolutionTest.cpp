@@ -45,8 +45,9 @@ protected:
     }
 
     static HANDLE openFile(std::string_view path, DWORD flags = 0, DWORD access = 0) {
-        return platform::CreateFileW(widen(std::string(path)).c_str(), access, FILE_SHARE_READ | FILE_SHARE_WRITE,
-                                     nullptr, OPEN_EXISTING, flags, nullptr);
+        return platform::CreateFileW(widen(std::string(path)).c_str(), access,
+                                     FILE_SHARE_READ | FILE_SHARE_WRITE, nullptr, OPEN_EXISTING,
+                                     flags, nullptr);
     }
 
     // (NextVcn, Lcn) pairs expanded to one LCN per cluster, -1 for none.

@@ -734,9 +734,8 @@ std::string volumeInconsistencies(const std::filesystem::path& image, std::uint6
     std::optional<ScratchImage> extracted;
     if (volumeOffset != 0 || volumeSize != 0)
         extracted.emplace(image, volumeOffset, volumeSize);
-    const ToolOutput output =
-        runTool({"ntfsresize", "--info", "--force", "--no-progress-bar",
-                 (extracted ? extracted->path() : image).string()});
+    const ToolOutput output = runTool({"ntfsresize", "--info", "--force", "--no-progress-bar",
+                                       (extracted ? extracted->path() : image).string()});
     return output.exitCode == 0 ? std::string{} : output.out + output.err;
 }
 
