@@ -3,9 +3,10 @@
 # tests/filerecordmap, tests/tool) under Valgrind's memcheck and says whether
 # they are clean: no invalid read or write, no use of uninitialised values, no
 # definite or indirect leak. The kestrow processes the tool tests start are
-# checked too; the system tools they run (sh, The Sleuth Kit, NTFS-3G) are not.
+# checked too (through the shell that starts them); the system tools under
+# /usr (The Sleuth Kit, NTFS-3G) are not.
 #
-#   scripts/valgrind.sh [build-dir]
+#   scripts/valgrind.sh [build-dir [program...]]
 #
 # The build directory defaults to <repo>/build-valgrind and is configured
 # without sanitizers (memcheck and AddressSanitizer do not mix). The fixture
@@ -18,6 +19,9 @@ root=$(cd "$(dirname "$0")/.." && pwd)
 build=${1:-$root/build-valgrind}
 programs=(volume_tests volume_image_tests mft_fake_tests mft_image_tests filerecordmap_tests
           tool_tests)
+if [ $# -gt 1 ]; then
+  programs=("${@:2}")
+fi
 
 if ! command -v valgrind >/dev/null; then
   echo "valgrind.sh: valgrind is not installed (apt-get install valgrind)" >&2
@@ -41,7 +45,7 @@ rm -rf "$logs"
 mkdir -p "$logs"
 memcheck=(valgrind --tool=memcheck --leak-check=full --errors-for-leak-kinds=definite,indirect
           --show-leak-kinds=definite,indirect --error-exitcode=99 --num-callers=30
-          --trace-children=yes --trace-children-skip='/bin/*,/usr/*,/sbin/*'
+          --trace-children=yes --trace-children-skip='/usr/*,/sbin/*'
           --child-silent-after-fork=yes)
 
 started=$(date +%s)
@@ -64,10 +68,11 @@ for program in "${programs[@]}"; do
   set -e
   seconds=$(( $(date +%s) - begin ))
   # Every process's summary: errors, and the definite and indirect leaks.
-  errors=$(grep -h 'ERROR SUMMARY:' "$logs/$program".*.log | awk '{s += $4} END {print s + 0}')
-  definite=$(grep -h 'definitely lost:' "$logs/$program".*.log | awk '{gsub(",", "", $4); s += $4} END {print s + 0}')
-  indirect=$(grep -h 'indirectly lost:' "$logs/$program".*.log | awk '{gsub(",", "", $4); s += $4} END {print s + 0}')
-  processes=$(ls "$logs/$program".*.log | wc -l)
+  reports=("$logs/$program".*.log)
+  errors=$(awk '/ERROR SUMMARY:/ {s += $4} END {print s + 0}' "${reports[@]}")
+  definite=$(awk '/definitely lost:/ {gsub(",", "", $4); s += $4} END {print s + 0}' "${reports[@]}")
+  indirect=$(awk '/indirectly lost:/ {gsub(",", "", $4); s += $4} END {print s + 0}' "${reports[@]}")
+  processes=${#reports[@]}
   if [ "$status" -eq 0 ] && [ "$errors" -eq 0 ]; then
     verdict=clean
   else

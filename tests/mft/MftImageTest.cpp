@@ -15,6 +15,7 @@
 #include <map>
 #include <memory>
 #include <optional>
+#include <ostream>
 #include <set>
 #include <string>
 #include <vector>
@@ -382,6 +383,12 @@ struct OwnerCase {
     std::string_view path;
     std::size_t run; // which of the file's runs to take a cluster from
 };
+
+// Without it GoogleTest prints a case byte by byte, padding included, which
+// Valgrind rightly reports as a read of uninitialised memory.
+void PrintTo(const OwnerCase& c, std::ostream* out) {
+    *out << c.path << " (run " << c.run << ")";
+}
 
 } // namespace
 
