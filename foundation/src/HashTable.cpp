@@ -26,14 +26,26 @@ constexpr unsigned int MAX_LOAD = 4;
 } // namespace
 
 _HashTableRep::_HashTableRep(unsigned int initialBuckets)
-    : m_chains(nullptr), m_chainCount(initialBuckets == 0 ? 1 : initialBuckets), m_count(0) {
+    : _HashTableRep(initialBuckets, nullptr) {}
+
+_HashTableRep::_HashTableRep(unsigned int initialBuckets, BucketHash bucketHash)
+    : m_chains(nullptr), m_chainCount(0), m_count(0), m_chainMagic(0), m_bucketHash(bucketHash) {
+    setChainCount(initialBuckets == 0 ? 1 : initialBuckets);
     m_chains = newChains(m_chainCount);
 }
 
 _HashTableRep::_HashTableRep(const _HashTableRep& other)
-    : m_chains(nullptr), m_chainCount(other.m_chainCount), m_count(0) {
+    : m_chains(nullptr), m_chainCount(0), m_count(0), m_chainMagic(0),
+      m_bucketHash(other.m_bucketHash) {
+    setChainCount(other.m_chainCount);
     m_chains = newChains(m_chainCount);
     copyFrom(other);
+}
+
+void _HashTableRep::setChainCount(unsigned int chainCount) noexcept {
+    m_chainCount = chainCount;
+    // For a count of 1 this wraps to 0, and every hash maps to chain 0.
+    m_chainMagic = ~std::uint64_t(0) / chainCount + 1;
 }
 
 _HashTableRep& _HashTableRep::operator=(const _HashTableRep& other) {
@@ -41,8 +53,12 @@ _HashTableRep& _HashTableRep::operator=(const _HashTableRep& other) {
         return *this;
     clear();
     freeChains(m_chains, m_chainCount);
-    m_chainCount = other.m_chainCount;
-    m_chains = newChains(m_chainCount);
+    m_chains = nullptr;
+    m_chainCount = 0;
+    m_bucketHash = other.m_bucketHash;
+    _BucketBase** chains = newChains(other.m_chainCount);
+    setChainCount(other.m_chainCount);
+    m_chains = chains;
     copyFrom(other);
     return *this;
 }
@@ -88,11 +104,9 @@ bool _HashTableRep::insert(unsigned int hash, _BucketBase* bucket, const void* k
     return true;
 }
 
-
 void _HashTableRep::link(unsigned int hash, _BucketBase* bucket) {
-    if (m_count >= m_chainCount * MAX_LOAD && m_chainCount < 0x40000000u)
+    if (m_bucketHash != nullptr && m_count >= m_chainCount * MAX_LOAD && m_chainCount < 0x40000000u)
         rehash(m_chainCount * 2 + 1);
-    bucket->m_hash = hash;
     _BucketBase*& chain = m_chains[chainOf(hash)];
     bucket->m_next = chain;
     chain = bucket;
@@ -101,7 +115,7 @@ void _HashTableRep::link(unsigned int hash, _BucketBase* bucket) {
 
 _BucketBase* _HashTableRep::lookup(unsigned int hash, const void* key) {
     for (_BucketBase* bucket = m_chains[chainOf(hash)]; bucket != nullptr; bucket = bucket->m_next)
-        if (bucket->m_hash == hash && bucket->match(key))
+        if (bucket->match(key))
             return bucket;
     return nullptr;
 }
@@ -112,19 +126,21 @@ const _BucketBase* _HashTableRep::lookup(unsigned int hash, const void* key) con
 
 void _HashTableRep::rehash(unsigned int chainCount) {
     _BucketBase** chains = newChains(chainCount);
-    for (unsigned int i = 0; i < m_chainCount; ++i) {
-        _BucketBase* bucket = m_chains[i];
+    _BucketBase** old = m_chains;
+    const unsigned int oldCount = m_chainCount;
+    m_chains = chains;
+    setChainCount(chainCount);
+    for (unsigned int i = 0; i < oldCount; ++i) {
+        _BucketBase* bucket = old[i];
         while (bucket != nullptr) {
             _BucketBase* next = bucket->m_next;
-            _BucketBase*& chain = chains[bucket->m_hash % chainCount];
+            _BucketBase*& chain = m_chains[chainOf(m_bucketHash(bucket))];
             bucket->m_next = chain;
             chain = bucket;
             bucket = next;
         }
     }
-    freeChains(m_chains, m_chainCount);
-    m_chains = chains;
-    m_chainCount = chainCount;
+    freeChains(old, oldCount);
 }
 
 _HashTableIteratorBase::_HashTableIteratorBase(_BucketBase** first, _BucketBase** last) noexcept

@@ -66,20 +66,7 @@ String::String(const String& other) {
     assignUnits(other.m_data, other.m_size);
 }
 
-String::String(String&& other) noexcept {
-    if (other.isLocal()) {
-        initLocal();
-        std::memcpy(m_local, other.m_local, (std::size_t(other.m_size) + 1) * sizeof(Char16));
-        m_size = other.m_size;
-    } else {
-        m_data = other.m_data;
-        m_size = other.m_size;
-        m_capacity = other.m_capacity;
-    }
-    other.initLocal();
-}
-
-String& String::operator=(const String& other) {
+String& String::assignString(const String& other) {
     if (this == &other)
         return *this;
     if (other.isBorrowed()) {
@@ -119,9 +106,8 @@ String String::literal(const Char16* text, unsigned int n) noexcept {
     return s;
 }
 
-void String::releaseHeap() noexcept {
-    if (ownsHeap())
-        freeUnits(m_data, m_capacity);
+void String::freeHeap() noexcept {
+    freeUnits(m_data, m_capacity);
 }
 
 // Makes the text writable in place with room for at least `capacity` units,
@@ -190,7 +176,9 @@ String& String::append(const String& other) {
     return append(other.m_data, other.m_size);
 }
 
-String& String::append(Char16 unit) { return append(&unit, 1); }
+String& String::append(Char16 unit) {
+    return append(&unit, 1);
+}
 
 String String::operator+(const String& other) const {
     String result;
@@ -285,7 +273,9 @@ Array<String> String::tokenize(const String& separators) const {
     return pieces;
 }
 
-void String::reserveCapacity(unsigned int capacity) { makeWritable(capacity); }
+void String::reserveCapacity(unsigned int capacity) {
+    makeWritable(capacity);
+}
 
 const String& String::EMPTY() noexcept {
     static const String empty;

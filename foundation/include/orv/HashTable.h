@@ -27,12 +27,17 @@ public:
     virtual _BucketBase* clone() const = 0;
 
     _BucketBase* m_next;
-    std::uint32_t m_hash = 0;
 };
 
 class KESTROW_API _HashTableRep {
 public:
+    // The hash of a bucket's key, for moving buckets when the chains grow.
+    typedef unsigned int (*BucketHash)(const _BucketBase* bucket);
+
     explicit _HashTableRep(unsigned int initialBuckets);
+    // A representation that can grow its chains: it asks `bucketHash` where
+    // each bucket goes. Without it the chain count stays as constructed.
+    _HashTableRep(unsigned int initialBuckets, BucketHash bucketHash);
     _HashTableRep(const _HashTableRep& other);
     _HashTableRep& operator=(const _HashTableRep& other);
     ~_HashTableRep();
@@ -49,6 +54,9 @@ public:
     _BucketBase* lookup(unsigned int hash, const void* key);
     const _BucketBase* lookup(unsigned int hash, const void* key) const;
 
+    // The first bucket of the chain the hash selects.
+    _BucketBase* chainHead(unsigned int hash) const noexcept { return m_chains[chainOf(hash)]; }
+
     unsigned int size() const noexcept { return m_count; }
     unsigned int chainCount() const noexcept { return m_chainCount; }
     _BucketBase** firstChain() const noexcept { return m_chains; }
@@ -58,11 +66,26 @@ private:
     void clear() noexcept;
     void copyFrom(const _HashTableRep& other);
     void rehash(unsigned int chainCount);
-    unsigned int chainOf(unsigned int hash) const noexcept { return hash % m_chainCount; }
+    void setChainCount(unsigned int chainCount) noexcept;
+
+    // hash % m_chainCount. A lookup is mostly this division and a cache miss
+    // or two: with a 128-bit product the division becomes two multiplications
+    // by a constant fixed when the chain count is set.
+    unsigned int chainOf(unsigned int hash) const noexcept {
+#if defined(__SIZEOF_INT128__)
+        const std::uint64_t fraction = m_chainMagic * hash;
+        return static_cast<unsigned int>(
+            (static_cast<unsigned __int128>(fraction) * m_chainCount) >> 64);
+#else
+        return hash % m_chainCount;
+#endif
+    }
 
     _BucketBase** m_chains;
     unsigned int m_chainCount;
     unsigned int m_count;
+    std::uint64_t m_chainMagic; // 2^64 / m_chainCount, rounded up
+    BucketHash m_bucketHash;    // null: the chains never grow
 };
 
 // Visits every bucket of every chain between two chain slots, chain by chain.
@@ -115,20 +138,21 @@ template <> struct HashFunc<String> {
 
 // The text of a key, for HashKeyMissing.
 KESTROW_API String keyText(unsigned long long key);
-inline const String& keyText(const String& key) { return key; }
+inline const String& keyText(const String& key) {
+    return key;
+}
 
 template <class K, class V, class EQ = EqualFunc<K>> class _Bucket : public _BucketBase {
 public:
     _Bucket(const K& key, const V& value) : m_key(key), m_value(value) {}
+    // The value is made by `make()` right in the bucket, without a copy.
+    template <class Make>
+    _Bucket(const K& key, Make&& make, int /*inPlace*/) : m_key(key), m_value(make()) {}
 
     bool match(const void* key) const override {
         return EQ::equal(m_key, *static_cast<const K*>(key));
     }
-    _BucketBase* clone() const override {
-        auto* copy = new _Bucket(m_key, m_value);
-        copy->m_hash = m_hash;
-        return copy;
-    }
+    _BucketBase* clone() const override { return new _Bucket(m_key, m_value); }
 
     // Buckets are allocated once per entry: they come from the pool.
     static void* operator new(std::size_t size) { return Allocator::allocate(size); }
@@ -159,27 +183,36 @@ public:
         Bucket* bucket() const noexcept { return static_cast<Bucket*>(m_bucket); }
     };
 
-    explicit HashTable(unsigned int initialBuckets = 32) : m_rep(initialBuckets) {}
+    explicit HashTable(unsigned int initialBuckets = 32) : m_rep(initialBuckets, &bucketHash) {}
     HashTable(const HashTable& other) = default;
     HashTable& operator=(const HashTable& other) = default;
     virtual ~HashTable() = default;
 
     // Adds the entry unless the key is present; returns whether it was added.
     bool insert(const K& key, const V& value) {
+        return insertWith(key, [&value]() -> const V& { return value; });
+    }
+
+    // Adds the value `make()` returns unless the key is present; returns
+    // whether it was added. The value is made only when it is kept, right in
+    // its bucket.
+    template <class Make> bool insertWith(const K& key, Make&& make) {
         const unsigned int hash = HF::hash(key);
-        if (m_rep.lookup(hash, &key) != nullptr)
+        if (find(hash, key) != nullptr)
             return false;
-        m_rep.link(hash, new Bucket(key, value));
+        m_rep.link(hash, new Bucket(key, make, 0));
         return true;
     }
 
+    // Every bucket of this table is a Bucket: the chain is walked with the
+    // key type's own comparison, without the buckets' virtual match.
     V* lookup(const K& key) {
-        _BucketBase* found = m_rep.lookup(HF::hash(key), &key);
-        return found ? &static_cast<Bucket*>(found)->m_value : nullptr;
+        Bucket* found = find(HF::hash(key), key);
+        return found ? &found->m_value : nullptr;
     }
     const V* lookup(const K& key) const {
-        const _BucketBase* found = m_rep.lookup(HF::hash(key), &key);
-        return found ? &static_cast<const Bucket*>(found)->m_value : nullptr;
+        const Bucket* found = find(HF::hash(key), key);
+        return found ? &found->m_value : nullptr;
     }
     bool contains(const K& key) const { return lookup(key) != nullptr; }
 
@@ -204,6 +237,18 @@ public:
     Iterator end() const noexcept { return Iterator(m_rep.lastChain(), m_rep.lastChain()); }
 
 private:
+    Bucket* find(unsigned int hash, const K& key) const {
+        for (_BucketBase* bucket = m_rep.chainHead(hash); bucket != nullptr;
+             bucket = bucket->m_next)
+            if (EQ::equal(static_cast<Bucket*>(bucket)->m_key, key))
+                return static_cast<Bucket*>(bucket);
+        return nullptr;
+    }
+
+    static unsigned int bucketHash(const _BucketBase* bucket) {
+        return HF::hash(static_cast<const Bucket*>(bucket)->m_key);
+    }
+
     _HashTableRep m_rep;
 };
 

@@ -4,6 +4,7 @@
 #include <kestrow/Export.h>
 #include <kestrow/WinTypes.h>
 
+#include <cstring>
 #include <string>
 
 namespace orv {
@@ -22,10 +23,31 @@ public:
     String(const unsigned short* text, unsigned int n);
     String(const Char16* text, unsigned int n);
     String(const String& other);
-    String(String&& other) noexcept;
+    // Inline, as the copy of a borrowed text below: whole-MFT walks move and
+    // assign millions of names.
+    String(String&& other) noexcept {
+        if (other.isLocal()) {
+            m_data = m_local;
+            m_capacity = LOCAL_UNITS;
+            std::memcpy(m_local, other.m_local, sizeof m_local);
+        } else {
+            m_data = other.m_data;
+            m_capacity = other.m_capacity;
+        }
+        m_size = other.m_size;
+        other.initLocal();
+    }
     ~String() { releaseHeap(); }
 
-    String& operator=(const String& other);
+    String& operator=(const String& other) {
+        if (other.isBorrowed() && !ownsHeap() && this != &other) {
+            m_data = other.m_data;
+            m_size = other.m_size;
+            m_capacity = 0;
+            return *this;
+        }
+        return assignString(other);
+    }
     String& operator=(String&& other) noexcept;
     String& operator=(const char* text);
     String& operator=(const unsigned short* text);
@@ -33,6 +55,13 @@ public:
     // A string over text with static storage duration, such as a literal: it
     // is not copied until the string is changed. Copies of it share the text.
     static String literal(const Char16* text, unsigned int n) noexcept;
+
+    // Replaces the text with the first n units at `text`, in the string's
+    // own storage when it has room (a reused string allocates nothing).
+    String& assign(const Char16* text, unsigned int n) {
+        assignUnits(text, n);
+        return *this;
+    }
 
     String& append(const String& other);
     String& append(const Char16* text, unsigned int n);
@@ -90,7 +119,12 @@ private:
     // A borrowed text (a literal) has capacity 0 and is never freed.
     bool isBorrowed() const noexcept { return m_capacity == 0; }
     bool ownsHeap() const noexcept { return !isLocal() && !isBorrowed(); }
-    void releaseHeap() noexcept;
+    void releaseHeap() noexcept {
+        if (ownsHeap())
+            freeHeap();
+    }
+    void freeHeap() noexcept;
+    String& assignString(const String& other);
     void assignUnits(const Char16* text, unsigned int n);
     void makeWritable(unsigned int capacity);
 
