@@ -135,6 +135,43 @@ FileRecord::FileRecord(orv::Buffer<unsigned char>& buffer, const FileReference& 
     processAttributes(buffer);
 }
 
+namespace {
+
+// Empties an array as a new record's would be: a representation with room for
+// 8. One that grew past that (or has none, after a move) gets a fresh one, so
+// that a reused record holds exactly what a new one would.
+template <class T> void resetToNew(orv::Array<T>& array) {
+    if (array.capacity() == orv::Array<T>::INITIAL_CAPACITY)
+        array.clear();
+    else
+        array.reset();
+}
+
+} // namespace
+
+void FileRecordParser::reparse(FileRecord& record, orv::Buffer<unsigned char>& buffer,
+                               const FileReference& reference, Volume& volume) {
+    record.m_valid = false;
+    record.m_longNameFound = false;
+    record.m_mftIndex = reference;
+    record.m_parentMftIndex = FileReference(0, 0);
+    record.m_name.assign(nullptr, 0);
+    resetToNew(record.m_attributes);
+    record.m_allocatedSize = 0;
+    record.m_realSize = 0;
+    record.m_volume = &volume;
+    record.m_fileAttributes = 0;
+    record.m_creationTime = 0;
+    record.m_modificationTime = 0;
+    record.m_lastReadTime = 0;
+    record.m_dataSize = 0;
+    resetToNew(record.m_externalAttributeReferences);
+    resetToNew(record.m_clusterRanges);
+    resetToNew(record.m_indexAllocationRanges);
+    resetToNew(record.m_indexEntries);
+    record.processAttributes(buffer);
+}
+
 FileRecord::FileRecord(const FileRecord& other) = default;
 FileRecord::FileRecord(FileRecord&& other) noexcept = default;
 FileRecord& FileRecord::operator=(const FileRecord& other) = default;
@@ -273,7 +310,7 @@ void FileRecordParser::processFileName(FileRecord& record,
     if (!(record.m_name.empty() && shortName))
         record.m_longNameFound = true;
 
-    record.m_name = orv::String(units, length);
+    record.m_name.assign(units, length);
     record.m_creationTime = attribute.u64(CREATION_TIME);
     record.m_modificationTime = attribute.u64(MODIFICATION_TIME);
     record.m_lastReadTime = attribute.u64(LAST_ACCESS_TIME);

@@ -16,6 +16,11 @@
 // The parser's steps that need the record's members; kept here rather than
 // in the public header.
 struct FileRecordParser {
+    // Makes `record` what FileRecord(buffer, reference, volume) would make,
+    // reusing the record's storage: a walk over the whole MFT parses every
+    // record into one object, and allocates nothing for records that fit it.
+    static void reparse(FileRecord& record, orv::Buffer<unsigned char>& buffer,
+                        const FileReference& reference, Volume& volume);
     static void collectAttributeListEntries(FileRecord& record, const AttributeView& attribute,
                                             std::uint64_t firstEntry);
     static void processFileName(FileRecord& record, const ResidentAttributeHeader& attribute);

@@ -3,6 +3,8 @@
 #include <kestrow/Platform.h>
 #include <kestrow/WinTypes.h>
 
+#include "FileRecordInternals.h"
+
 #include <orv/Format.h>
 #include <orv/Logger.h>
 
@@ -11,6 +13,7 @@
 #include <memory>
 #include <new>
 #include <utility>
+#include <vector>
 
 namespace platform = kestrow::platform;
 
@@ -114,10 +117,10 @@ public:
     bool alreadyPassed(unsigned long long index) const {
         if (index == m_leafIndex)
             return true;
-        if (m_pieces.size() > LINEAR_SCAN_DEPTH)
-            return m_passed->contains(index);
-        for (const Piece& piece : m_pieces)
-            if (piece.index == index)
+        if (m_depth > LINEAR_SCAN_DEPTH)
+            return m_deep->passed.contains(index);
+        for (std::uint32_t i = 0; i < m_depth; ++i)
+            if (m_near[i].index == index)
                 return true;
         return false;
     }
@@ -129,23 +132,51 @@ public:
     // The volume path (which ends in a separator) in front.
     void prefixVolumePath(unsigned long long index) { pass(Piece{index, nullptr}); }
 
+    // The pieces from the top down, then the leaf, measured first and then
+    // copied into one block: the path is allocated once.
     orv::String join(const orv::String& volumePath, const orv::String& leaf) const {
-        unsigned int length = leaf.size();
-        for (const Piece& piece : m_pieces)
-            length += piece.name != nullptr ? piece.name->size() + 1 : volumePath.size();
-        orv::String path;
-        path.reserveCapacity(length);
-        for (std::uint32_t i = m_pieces.size(); i-- > 0;) {
-            const Piece& piece = m_pieces[i];
-            if (piece.name == nullptr) {
-                path.append(volumePath);
-            } else {
-                path.append(*piece.name);
-                path.append(static_cast<orv::Char16>('\\'));
-            }
+        const std::uint64_t length = prefixLength(volumePath) + leaf.size();
+        // Guard: a path longer than a string can hold (only a hostile MFT's
+        // chain of millions of records) is cut to the leaf's name rather than
+        // overflowing the length.
+        if (length > MAX_PATH_UNITS)
+            return leaf;
+        orv::Char16 local[LOCAL_PATH_UNITS];
+        std::unique_ptr<orv::Char16[]> heap;
+        orv::Char16* units = local;
+        if (length > LOCAL_PATH_UNITS) {
+            heap.reset(new orv::Char16[length]);
+            units = heap.get();
         }
-        path.append(leaf);
-        return path;
+        orv::Char16* out = writePrefix(units, volumePath);
+        out = copyUnits(out, leaf);
+        return orv::String(units, static_cast<unsigned int>(out - units));
+    }
+
+    // The units of the gathered pieces, without the leaf.
+    std::uint64_t prefixLength(const orv::String& volumePath) const {
+        std::uint64_t length = 0;
+        for (std::uint32_t i = 0; i < m_depth; ++i)
+            length += pieceLength(piece(i), volumePath);
+        return length;
+    }
+    orv::Char16* writePrefix(orv::Char16* out, const orv::String& volumePath) const {
+        for (std::uint32_t i = m_depth; i-- > 0;) {
+            const Piece& current = piece(i);
+            const orv::String& text = current.name != nullptr ? *current.name : volumePath;
+            out = copyUnits(out, text);
+            if (current.name != nullptr)
+                *out++ = static_cast<orv::Char16>('\\');
+        }
+        return out;
+    }
+
+    std::uint32_t depth() const { return m_depth; }
+    unsigned long long passedIndex(std::uint32_t i) const { return piece(i).index; }
+
+    static orv::Char16* copyUnits(orv::Char16* out, const orv::String& text) {
+        std::memcpy(out, text.getUCS2Buffer(), std::size_t(text.size()) * sizeof(orv::Char16));
+        return out + text.size();
     }
 
 private:
@@ -154,25 +185,48 @@ private:
         const orv::String* name; // null: the volume path
     };
 
-    // Real paths are a few levels deep and a scan of the pieces is cheapest;
-    // a chain deeper than this (a hostile MFT can make one as long as it has
-    // records) is looked up in a set instead, so the guard stays linear.
+    // Real paths are a few levels deep: their pieces stay in the walk itself
+    // and the guard scans them. A chain deeper than this (a hostile MFT can
+    // make one as long as it has records) goes on in an array, and its indexes
+    // are looked up in a set, so the guard stays linear.
     static constexpr std::uint32_t LINEAR_SCAN_DEPTH = 64;
+    // Paths up to this many units are put together on the stack.
+    static constexpr std::uint64_t LOCAL_PATH_UNITS = 1024;
+    static constexpr std::uint64_t MAX_PATH_UNITS = 0xFFFFFFF0ULL;
 
-    void pass(const Piece& piece) {
-        m_pieces.append(piece);
-        if (m_pieces.size() == LINEAR_SCAN_DEPTH + 1) {
-            m_passed = std::make_unique<orv::HashTable<unsigned long long, bool>>();
-            for (const Piece& passed : m_pieces)
-                m_passed->insert(passed.index, true);
-        } else if (m_pieces.size() > LINEAR_SCAN_DEPTH + 1) {
-            m_passed->insert(piece.index, true);
-        }
+    static std::uint64_t pieceLength(const Piece& piece, const orv::String& volumePath) {
+        return piece.name != nullptr ? piece.name->size() + 1ULL : volumePath.size();
     }
 
+    const Piece& piece(std::uint32_t i) const {
+        return i < LINEAR_SCAN_DEPTH ? m_near[i] : m_deep->far[i - LINEAR_SCAN_DEPTH];
+    }
+
+    void pass(const Piece& piece) {
+        if (m_depth < LINEAR_SCAN_DEPTH) {
+            m_near[m_depth++] = piece;
+            return;
+        }
+        if (!m_deep) {
+            m_deep = std::make_unique<DeepWalk>();
+            for (std::uint32_t i = 0; i < LINEAR_SCAN_DEPTH; ++i)
+                m_deep->passed.insert(m_near[i].index, true);
+        }
+        m_deep->far.append(piece);
+        m_deep->passed.insert(piece.index, true);
+        ++m_depth;
+    }
+
+    // What only a deep walk needs, made when it gets that deep.
+    struct DeepWalk {
+        orv::Array<Piece> far;
+        orv::HashTable<unsigned long long, bool> passed;
+    };
+
     unsigned long long m_leafIndex;
-    orv::Array<Piece> m_pieces;
-    std::unique_ptr<orv::HashTable<unsigned long long, bool>> m_passed; // deep walks only
+    std::uint32_t m_depth = 0;
+    Piece m_near[LINEAR_SCAN_DEPTH];
+    std::unique_ptr<DeepWalk> m_deep;
 };
 
 } // namespace
@@ -514,15 +568,23 @@ bool MasterFileTable::getMftRecord(const FileReference& ref, FileRecord& record)
         return false;
     orv::Buffer<unsigned char> view(const_cast<unsigned char*>(bytes),
                                     m_volume.m_bytesPerFileRecord);
-    record = FileRecord(view, ref, m_volume);
+    // Parsed into the caller's record, reusing its storage: the result is the
+    // record a fresh parse would assign. On a volume without a disk extent a
+    // non-resident attribute raises the array's assertion mid-parse; there the
+    // record is parsed aside first, so that it stays untouched if that happens.
+    if (m_volume.getVolumeExtents().empty())
+        record = FileRecord(view, ref, m_volume);
+    else
+        FileRecordParser::reparse(record, view, ref, m_volume);
     processExternalAttributes(record);
     return true;
 }
 
-// First entry wins: insert() leaves a present key alone. One lookup per
-// record: a summary built for a key already present is simply dropped.
+// First entry wins: a present key is left alone. The summary is made only
+// for a new key, right in its bucket.
 void MasterFileTable::addToRecordHashTable(const FileRecord& record) {
-    m_recordHashTable.insert(record.mftIndex().index, RecordSummary(record));
+    m_recordHashTable.insertWith(record.mftIndex().index,
+                                 [&record]() { return RecordSummary(record); });
 }
 
 bool MasterFileTable::getValidMftRecord(const FileReference& ref, FileRecord& record) {
@@ -649,6 +711,58 @@ orv::String MasterFileTable::findParentPath(const FileRecord& record) {
     return walk.join(m_volume.m_path, orv::String::EMPTY());
 }
 
+// The path a walk gathered above one parent, for the next leaf under the same
+// parent. A walk depends only on the entries it steps onto and on its leaf,
+// which ends it if met: so the path holds for another leaf when every step was
+// answered by the table (entries never change once added, and no step read
+// the disk or logged), the walk did not end on its own leaf, and the other
+// leaf is none of the records it stepped onto.
+struct MasterFileTable::ParentPathCache {
+    bool valid = false;
+    unsigned long long parentIndex = 0;
+    std::vector<unsigned long long> passed;
+    std::vector<orv::Char16> units; // the path above the parent, then the leaf
+    std::size_t prefixLength = 0;
+
+    bool holdsFor(unsigned long long parent, unsigned long long leaf) const {
+        if (!valid || parent != parentIndex)
+            return false;
+        for (const unsigned long long index : passed)
+            if (index == leaf)
+                return false;
+        return true;
+    }
+
+    orv::String pathOf(const orv::String& leaf) {
+        const std::size_t length = prefixLength + leaf.size();
+        if (units.size() < length)
+            units.resize(length);
+        std::memcpy(units.data() + prefixLength, leaf.getUCS2Buffer(),
+                    std::size_t(leaf.size()) * sizeof(orv::Char16));
+        return orv::String(units.data(), static_cast<unsigned int>(length));
+    }
+
+    void remember(unsigned long long parent, const ParentWalk& walk,
+                  const orv::String& volumePath) {
+        valid = false;
+        const std::uint64_t length = walk.prefixLength(volumePath);
+        // Only ordinary paths are kept; a freak one is simply walked each time.
+        if (length > MAX_REMEMBERED_UNITS)
+            return;
+        passed.clear();
+        for (std::uint32_t i = 0; i < walk.depth(); ++i)
+            passed.push_back(walk.passedIndex(i));
+        if (units.size() < length)
+            units.resize(length);
+        walk.writePrefix(units.data(), volumePath);
+        prefixLength = static_cast<std::size_t>(length);
+        parentIndex = parent;
+        valid = true;
+    }
+
+    static constexpr std::uint64_t MAX_REMEMBERED_UNITS = 0x10000;
+};
+
 orv::String MasterFileTable::findParentPath(const FileReference& ref) {
     if (!m_initialized) {
         logText("356 ", "findParentPath(): MasterFileTable has not been initialized");
@@ -661,13 +775,28 @@ orv::String MasterFileTable::findParentPath(const FileReference& ref) {
     if (leaf->mftIndex == leaf->parentMftIndex)
         return leaf->name;
 
+    const unsigned long long leafIndex = leaf->mftIndex.index;
+    const unsigned long long parentIndex = leaf->parentMftIndex.index;
+    if (!m_pathCache)
+        m_pathCache = std::make_unique<ParentPathCache>();
+    if (m_pathCache->holdsFor(parentIndex, leafIndex))
+        return m_pathCache->pathOf(leaf->name);
+
     // After the root's "." the walk goes on unless the root is its own parent.
-    ParentWalk walk(leaf->mftIndex.index);
+    ParentWalk walk(leafIndex);
     FileReference parent = leaf->parentMftIndex;
+    bool answeredByTable = true;
+    bool endedOnLeaf = false;
     for (;;) {
-        if (walk.alreadyPassed(parent.index))
+        if (walk.alreadyPassed(parent.index)) {
+            endedOnLeaf = parent.index == leafIndex;
             break;
-        const RecordSummary* current = getParentPath(parent);
+        }
+        const RecordSummary* current = m_recordHashTable.lookup(parent.index);
+        if (current == nullptr) {
+            answeredByTable = false;
+            current = getParentPath(parent);
+        }
         if (current == nullptr || current->name.empty())
             break;
         if (isRootName(current->name))
@@ -678,6 +807,10 @@ orv::String MasterFileTable::findParentPath(const FileReference& ref) {
             break;
         parent = current->parentMftIndex;
     }
+    if (answeredByTable && !endedOnLeaf)
+        m_pathCache->remember(parentIndex, walk, m_volume.m_path);
+    else
+        m_pathCache->valid = false;
     return walk.join(m_volume.m_path, leaf->name);
 }
 

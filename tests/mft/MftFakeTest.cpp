@@ -766,6 +766,41 @@ TEST(MftPaths, ParentLoopsEndTheWalk) {
     EXPECT_EQ(records.size(), 0u);
 }
 
+// A path is the same whichever path was asked for before it: consecutive
+// siblings, a record that lies on its predecessor's chain, and a walk that
+// ended on its own leaf.
+TEST(MftPaths, PathsDoNotDependOnTheOrderTheyAreAskedIn) {
+    FakeMftDrive drive(oneRunGeometry(64));
+    writeTree(drive);
+    RecordSpec second; // another child of 51, after the one that is 51's parent
+    second.name = u"z";
+    second.parent = 51;
+    drive.writeRecord(53, second);
+    OpenedTable opened(drive);
+    MasterFileTable& table = opened.table();
+    ASSERT_TRUE(table.buildRecordMap());
+
+    const std::vector<std::pair<std::uint64_t, std::string>> expected = {
+        {31, "\\\\.\\C:\\Users\\a.txt"},
+        {33, "\\\\.\\C:\\Users\\a.txt"},
+        {32, "\\\\.\\C:\\b.txt"},
+        {30, "\\\\.\\C:\\Users"},
+        {52, "x\\y\\inLoop"},
+        {50, "y\\x"},
+        {53, "x\\y\\z"},
+        {50, "y\\x"},
+        {52, "x\\y\\inLoop"},
+        {51, "x\\y"},
+        {40, "orphan"},
+        {40, "orphan"},
+        {31, "\\\\.\\C:\\Users\\a.txt"}};
+    for (const auto& [index, path] : expected)
+        EXPECT_EQ(fullPath(table, index), path) << "record " << index;
+    // Backwards too.
+    for (auto it = expected.rbegin(); it != expected.rend(); ++it)
+        EXPECT_EQ(fullPath(table, it->first), it->second) << "record " << it->first;
+}
+
 TEST(MftPaths, DeepChainsAndDeepLoops) {
     FakeMftDrive drive(oneRunGeometry(64)); // 256 slots
     RecordSpec root;

@@ -12,6 +12,8 @@
 #include <orv/HashTable.h>
 #include <orv/String.h>
 
+#include <memory>
+
 // One run of the MFT seen as a range of records. recordCount counts the
 // sectors from startSector to endSector inclusive, although endSector is one
 // past the run: with sectors as large as a record that adds phantom records at
@@ -119,6 +121,10 @@ private:
 
     const RecordSummary* getParentPath(const FileReference& ref);
 
+    // The last full-path walk, kept so that the next record with the same
+    // parent (most of them, in index order) reuses its path.
+    struct ParentPathCache;
+
     bool m_initialized;
     orv::Array<Volume::FileExtent> m_mftExtents;
     VolumeHandle m_mftHandle;
@@ -126,4 +132,5 @@ private:
     Volume& m_volume;
     unsigned long long m_numMftRecords;
     RecordHashTable m_recordHashTable;
+    std::unique_ptr<ParentPathCache> m_pathCache;
 };
