@@ -2,6 +2,12 @@
 
 #include <cinttypes>
 #include <cstdio>
+#include <cstring>
+
+#if defined(__SSE2__) || defined(_M_X64)
+#include <emmintrin.h>
+#define KESTROW_OUTPUT_SSE2 1
+#endif
 
 namespace kestrow::tool {
 
@@ -53,69 +59,120 @@ constexpr FlagName FILE_ATTRIBUTE_NAMES[] = {
 
 } // namespace
 
-Output::Output() {
-    m_buffer.reserve(OUTPUT_BUFFER_BYTES + 4096);
-}
+Output::Output() : m_data(new char[OUTPUT_BUFFER_BYTES]), m_used(0) {}
 
 Output::~Output() {
     flush();
 }
 
+// Room for `bytes` more at the end of the buffer, written out first if
+// needed; false when the piece is larger than the whole buffer.
+bool Output::makeRoom(std::size_t bytes) {
+    if (OUTPUT_BUFFER_BYTES - m_used >= bytes)
+        return true;
+    writeOut();
+    return OUTPUT_BUFFER_BYTES >= bytes;
+}
+
 Output& Output::operator<<(std::string_view text) {
-    m_buffer.append(text);
-    spill();
+    if (makeRoom(text.size())) {
+        std::memcpy(m_data.get() + m_used, text.data(), text.size());
+        m_used += text.size();
+    } else {
+        std::fwrite(text.data(), 1, text.size(), stdout);
+    }
     return *this;
 }
 
 Output& Output::operator<<(char c) {
-    m_buffer.push_back(c);
-    spill();
+    makeRoom(1);
+    m_data[m_used++] = c;
     return *this;
 }
 
 Output& Output::operator<<(unsigned long long number) {
     char digits[24];
     const int n = std::snprintf(digits, sizeof digits, "%llu", number);
-    m_buffer.append(digits, static_cast<std::size_t>(n));
-    spill();
-    return *this;
+    return *this << std::string_view(digits, static_cast<std::size_t>(n));
 }
 
 Output& Output::operator<<(const orv::String& text) {
-    appendUtf8(m_buffer, text);
-    spill();
+    const std::size_t most = MAX_UTF8_PER_UNIT * static_cast<std::size_t>(text.size());
+    if (!makeRoom(most)) {
+        std::string converted;
+        appendUtf8(converted, text);
+        return *this << std::string_view(converted);
+    }
+    char* end = writeUtf8(m_data.get() + m_used, text.getUCS2Buffer(), text.size());
+    m_used = static_cast<std::size_t>(end - m_data.get());
     return *this;
 }
 
-void Output::spill() {
-    if (m_buffer.size() >= OUTPUT_BUFFER_BYTES)
-        flush();
+void Output::writeOut() {
+    if (m_used != 0) {
+        std::fwrite(m_data.get(), 1, m_used, stdout);
+        m_used = 0;
+    }
 }
 
 void Output::flush() {
-    if (!m_buffer.empty()) {
-        std::fwrite(m_buffer.data(), 1, m_buffer.size(), stdout);
-        m_buffer.clear();
-    }
+    writeOut();
     std::fflush(stdout);
 }
 
-void appendUtf8(std::string& out, const orv::String& text) {
-    const orv::Char16* units = text.getUCS2Buffer();
-    const unsigned int n = text.size();
-    // At most three bytes per unit (a surrogate pair is two units for four
-    // bytes): grow once, write through a pointer, then trim.
-    const std::size_t start = out.size();
-    out.resize(start + 3 * static_cast<std::size_t>(n));
-    char* p = out.data() + start;
-    for (unsigned int i = 0; i < n; ++i) {
-        std::uint32_t c = static_cast<std::uint16_t>(units[i]);
+namespace {
+
+#if defined(KESTROW_OUTPUT_SSE2)
+// True when none of the eight units is above 0x7F.
+inline bool allAscii(__m128i eight) {
+    const __m128i high = _mm_and_si128(eight, _mm_set1_epi16(static_cast<short>(0xFF80)));
+    return _mm_movemask_epi8(_mm_cmpeq_epi16(high, _mm_setzero_si128())) == 0xFFFF;
+}
+#else
+constexpr std::uint64_t NON_ASCII_UNITS = 0xFF80FF80FF80FF80ULL;
+
+// Four ASCII units, as loaded from memory (the first in the low bits, as on
+// every little-endian target we build for), packed into their four bytes.
+std::uint32_t packAscii(std::uint64_t four) {
+    four = (four | (four >> 8)) & 0x0000FFFF0000FFFFULL;
+    return static_cast<std::uint32_t>(four | (four >> 16));
+}
+
+#endif
+} // namespace
+
+char* writeUtf8(char* p, const orv::Char16* units, unsigned int n) {
+    unsigned int i = 0;
+    while (i < n) {
+        // Names are mostly ASCII: eight units at a time while they are.
+        if (i + 8 <= n) {
+#if defined(KESTROW_OUTPUT_SSE2)
+            const __m128i eight = _mm_loadu_si128(reinterpret_cast<const __m128i*>(units + i));
+            if (allAscii(eight)) {
+                _mm_storel_epi64(reinterpret_cast<__m128i*>(p), _mm_packus_epi16(eight, eight));
+                p += 8;
+                i += 8;
+                continue;
+            }
+#else
+            std::uint64_t four[2];
+            std::memcpy(four, units + i, sizeof four);
+            if (((four[0] | four[1]) & NON_ASCII_UNITS) == 0) {
+                const std::uint32_t bytes[2] = {packAscii(four[0]), packAscii(four[1])};
+                std::memcpy(p, bytes, sizeof bytes);
+                p += 8;
+                i += 8;
+                continue;
+            }
+#endif
+        }
+        std::uint32_t c = static_cast<std::uint16_t>(units[i++]);
         if (c < 0x80) {
             *p++ = static_cast<char>(c);
             continue;
         }
-        if (c >= 0xD800 && c <= 0xDBFF && i + 1 < n) {
-            const std::uint32_t low = static_cast<std::uint16_t>(units[i + 1]);
+        if (c >= 0xD800 && c <= 0xDBFF && i < n) {
+            const std::uint32_t low = static_cast<std::uint16_t>(units[i]);
             if (low >= 0xDC00 && low <= 0xDFFF) {
                 c = 0x10000 + ((c - 0xD800) << 10) + (low - 0xDC00);
                 ++i;
@@ -137,7 +194,16 @@ void appendUtf8(std::string& out, const orv::String& text) {
             *p++ = static_cast<char>(0x80 | (c & 0x3F));
         }
     }
-    out.resize(static_cast<std::size_t>(p - out.data()));
+    return p;
+}
+
+void appendUtf8(std::string& out, const orv::String& text) {
+    // At most three bytes per unit (a surrogate pair is two units for four
+    // bytes): grow once, write through a pointer, then trim.
+    const std::size_t start = out.size();
+    out.resize(start + MAX_UTF8_PER_UNIT * static_cast<std::size_t>(text.size()));
+    char* end = writeUtf8(out.data() + start, text.getUCS2Buffer(), text.size());
+    out.resize(static_cast<std::size_t>(end - out.data()));
 }
 
 std::string utf8(const orv::String& text) {

@@ -5,6 +5,7 @@
 #include <orv/String.h>
 
 #include <cstdio>
+#include <memory>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -29,13 +30,19 @@ public:
     void flush();
 
 private:
-    void spill();
+    bool makeRoom(std::size_t bytes);
+    void writeOut();
 
-    std::string m_buffer;
+    std::unique_ptr<char[]> m_data;
+    std::size_t m_used;
 };
 
 // UCS-2 to UTF-8; an unpaired surrogate becomes U+FFFD.
 void appendUtf8(std::string& out, const orv::String& text);
+// The same into `out`, which has room for MAX_UTF8_PER_UNIT bytes a unit;
+// returns the end of what was written.
+constexpr std::size_t MAX_UTF8_PER_UNIT = 3;
+char* writeUtf8(char* out, const orv::Char16* units, unsigned int n);
 std::string utf8(const orv::String& text);
 
 // NTFS time (100 ns units since 1601-01-01 UTC) as ISO 8601 UTC with the full
