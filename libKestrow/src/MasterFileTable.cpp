@@ -711,13 +711,15 @@ orv::String MasterFileTable::findParentPath(const FileRecord& record) {
     return walk.join(m_volume.m_path, orv::String::EMPTY());
 }
 
+namespace {
+
 // The path a walk gathered above one parent, for the next leaf under the same
 // parent. A walk depends only on the entries it steps onto and on its leaf,
 // which ends it if met: so the path holds for another leaf when every step was
 // answered by the table (entries never change once added, and no step read
 // the disk or logged), the walk did not end on its own leaf, and the other
 // leaf is none of the records it stepped onto.
-struct MasterFileTable::ParentPathCache {
+struct PathAbove {
     bool valid = false;
     unsigned long long parentIndex = 0;
     std::vector<unsigned long long> passed;
@@ -763,6 +765,19 @@ struct MasterFileTable::ParentPathCache {
     static constexpr std::uint64_t MAX_REMEMBERED_UNITS = 0x10000;
 };
 
+} // namespace
+
+// The paths above the parents of the last few walks, one slot per parent
+// index modulo the slot count: records come in index order (siblings follow
+// each other) or in the record hash table's order (siblings a few entries
+// apart).
+struct MasterFileTable::ParentPathCache {
+    static constexpr unsigned int SLOTS = 64;
+    PathAbove slots[SLOTS];
+
+    PathAbove& slotFor(unsigned long long parentIndex) { return slots[parentIndex % SLOTS]; }
+};
+
 orv::String MasterFileTable::findParentPath(const FileReference& ref) {
     if (!m_initialized) {
         logText("356 ", "findParentPath(): MasterFileTable has not been initialized");
@@ -779,8 +794,9 @@ orv::String MasterFileTable::findParentPath(const FileReference& ref) {
     const unsigned long long parentIndex = leaf->parentMftIndex.index;
     if (!m_pathCache)
         m_pathCache = std::make_unique<ParentPathCache>();
-    if (m_pathCache->holdsFor(parentIndex, leafIndex))
-        return m_pathCache->pathOf(leaf->name);
+    PathAbove& remembered = m_pathCache->slotFor(parentIndex);
+    if (remembered.holdsFor(parentIndex, leafIndex))
+        return remembered.pathOf(leaf->name);
 
     // After the root's "." the walk goes on unless the root is its own parent.
     ParentWalk walk(leafIndex);
@@ -808,9 +824,9 @@ orv::String MasterFileTable::findParentPath(const FileReference& ref) {
         parent = current->parentMftIndex;
     }
     if (answeredByTable && !endedOnLeaf)
-        m_pathCache->remember(parentIndex, walk, m_volume.m_path);
+        remembered.remember(parentIndex, walk, m_volume.m_path);
     else
-        m_pathCache->valid = false;
+        remembered.valid = false;
     return walk.join(m_volume.m_path, leaf->name);
 }
 

@@ -1,5 +1,6 @@
 #include "Output.h"
 
+#include <bit>
 #include <cinttypes>
 #include <cstdio>
 #include <cstring>
@@ -123,10 +124,13 @@ void Output::flush() {
 namespace {
 
 #if defined(KESTROW_OUTPUT_SSE2)
-// True when none of the eight units is above 0x7F.
-inline bool allAscii(__m128i eight) {
+// How many of the eight units, from the first, are ASCII (8 when all are).
+inline unsigned int asciiPrefix(__m128i eight) {
     const __m128i high = _mm_and_si128(eight, _mm_set1_epi16(static_cast<short>(0xFF80)));
-    return _mm_movemask_epi8(_mm_cmpeq_epi16(high, _mm_setzero_si128())) == 0xFFFF;
+    const unsigned int ascii =
+        static_cast<unsigned int>(_mm_movemask_epi8(_mm_cmpeq_epi16(high, _mm_setzero_si128())));
+    // Two mask bits a unit; the first unit that is not ASCII ends the prefix.
+    return static_cast<unsigned int>(std::countr_one(ascii)) / 2;
 }
 #else
 constexpr std::uint64_t NON_ASCII_UNITS = 0xFF80FF80FF80FF80ULL;
@@ -147,13 +151,15 @@ char* writeUtf8(char* p, const orv::Char16* units, unsigned int n) {
         // Names are mostly ASCII: eight units at a time while they are.
         if (i + 8 <= n) {
 #if defined(KESTROW_OUTPUT_SSE2)
+            // All eight bytes are stored (there is room for three a unit),
+            // but only the ASCII ones are kept.
             const __m128i eight = _mm_loadu_si128(reinterpret_cast<const __m128i*>(units + i));
-            if (allAscii(eight)) {
-                _mm_storel_epi64(reinterpret_cast<__m128i*>(p), _mm_packus_epi16(eight, eight));
-                p += 8;
-                i += 8;
+            const unsigned int ascii = asciiPrefix(eight);
+            _mm_storel_epi64(reinterpret_cast<__m128i*>(p), _mm_packus_epi16(eight, eight));
+            p += ascii;
+            i += ascii;
+            if (ascii == 8)
                 continue;
-            }
 #else
             std::uint64_t four[2];
             std::memcpy(four, units + i, sizeof four);
