@@ -1,8 +1,8 @@
 #include <orv/Allocator.h>
 
 #include <cstdlib>
-#include <new>
 #include <mutex>
+#include <new>
 
 // Sanitizer builds serve every block from the heap so that out-of-bounds and
 // use-after-free errors inside pooled blocks are still caught.
@@ -81,8 +81,19 @@ std::mutex g_sharedMutex;
 Pool g_sharedPool;
 Pool* g_orphans = nullptr;
 
-thread_local Pool* t_pool = nullptr;
-thread_local bool t_exiting = false;
+// Every allocation asks for the thread's pool. In a shared library the
+// general TLS model makes that a call into the dynamic loader each time; the
+// initial-exec model reads it at a fixed offset instead. The two variables
+// are a few bytes, well within what the loader keeps for libraries loaded
+// later as well.
+#if defined(__ELF__) && (defined(__GNUC__) || defined(__clang__))
+#define ORV_FAST_TLS __attribute__((tls_model("initial-exec")))
+#else
+#define ORV_FAST_TLS
+#endif
+
+thread_local Pool* t_pool ORV_FAST_TLS = nullptr;
+thread_local bool t_exiting ORV_FAST_TLS = false;
 
 struct PoolGuard {
     ~PoolGuard() {
@@ -154,6 +165,8 @@ void Allocator::deallocate(void* block, std::size_t size) noexcept {
     std::free(block);
 }
 
-unsigned long long Allocator::heapAllocations() noexcept { return t_heapAllocations; }
+unsigned long long Allocator::heapAllocations() noexcept {
+    return t_heapAllocations;
+}
 
 } // namespace orv

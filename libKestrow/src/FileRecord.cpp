@@ -5,6 +5,8 @@
 
 #include "FileRecordInternals.h"
 
+#include <bit>
+#include <cstring>
 #include <utility>
 
 using namespace kestrow::ntfs;
@@ -304,8 +306,13 @@ void FileRecordParser::processFileName(FileRecord& record,
         return;
 
     orv::Char16 units[255];
-    for (unsigned int i = 0; i < length; ++i)
-        units[i] = static_cast<orv::Char16>(attribute.u16(NAME + 2 * i));
+    if constexpr (std::endian::native == std::endian::little && sizeof(orv::Char16) == 2) {
+        // The name's units lie in the record as they are in memory here.
+        std::memcpy(units, attribute.record().data() + attribute.offset() + NAME, 2 * length);
+    } else {
+        for (unsigned int i = 0; i < length; ++i)
+            units[i] = static_cast<orv::Char16>(attribute.u16(NAME + 2 * i));
+    }
     const bool shortName = kestrow::filerecord::isShortName(units, length);
     if (!(record.m_name.empty() && shortName))
         record.m_longNameFound = true;

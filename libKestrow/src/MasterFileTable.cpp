@@ -57,7 +57,8 @@ void prefetchRecord(const unsigned char* record, unsigned int bytesPerRecord) {
 #if defined(__GNUC__) || defined(__clang__)
     constexpr unsigned int CACHE_LINE = 64;
     constexpr unsigned int PREFETCHED_BYTES = 512;
-    const unsigned int bytes = bytesPerRecord < PREFETCHED_BYTES ? bytesPerRecord : PREFETCHED_BYTES;
+    const unsigned int bytes =
+        bytesPerRecord < PREFETCHED_BYTES ? bytesPerRecord : PREFETCHED_BYTES;
     for (unsigned int offset = 0; offset < bytes; offset += CACHE_LINE)
         __builtin_prefetch(record + offset);
 #else
@@ -214,7 +215,7 @@ private:
     }
 
     const Piece& piece(std::uint32_t i) const {
-        return i < LINEAR_SCAN_DEPTH ? m_near[i] : m_deep->far[i - LINEAR_SCAN_DEPTH];
+        return i < LINEAR_SCAN_DEPTH ? m_near[i] : m_deep->deeper[i - LINEAR_SCAN_DEPTH];
     }
 
     void pass(const Piece& piece) {
@@ -227,14 +228,14 @@ private:
             for (std::uint32_t i = 0; i < LINEAR_SCAN_DEPTH; ++i)
                 m_deep->passed.insert(m_near[i].index, true);
         }
-        m_deep->far.append(piece);
+        m_deep->deeper.append(piece);
         m_deep->passed.insert(piece.index, true);
         ++m_depth;
     }
 
     // What only a deep walk needs, made when it gets that deep.
     struct DeepWalk {
-        orv::Array<Piece> far;
+        orv::Array<Piece> deeper;
         orv::HashTable<unsigned long long, bool> passed;
     };
 
