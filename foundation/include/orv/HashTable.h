@@ -69,16 +69,15 @@ private:
     void setChainCount(unsigned int chainCount) noexcept;
 
     // hash % m_chainCount. A lookup is mostly this division and a cache miss
-    // or two: with a 128-bit product the division becomes two multiplications
-    // by a constant fixed when the chain count is set.
+    // or two, so the division becomes multiplications by a constant fixed
+    // when the chain count is set: the high 64 bits of the 96-bit product
+    // (m_chainMagic * hash mod 2^64) * m_chainCount, put together from two
+    // 32 x 32-bit products so the header stays standard C++.
     unsigned int chainOf(unsigned int hash) const noexcept {
-#if defined(__SIZEOF_INT128__)
         const std::uint64_t fraction = m_chainMagic * hash;
-        return static_cast<unsigned int>(
-            (static_cast<unsigned __int128>(fraction) * m_chainCount) >> 64);
-#else
-        return hash % m_chainCount;
-#endif
+        const std::uint64_t high = (fraction >> 32) * m_chainCount;
+        const std::uint64_t low = (fraction & 0xFFFFFFFFu) * m_chainCount;
+        return static_cast<unsigned int>((high + (low >> 32)) >> 32);
     }
 
     _BucketBase** m_chains;
