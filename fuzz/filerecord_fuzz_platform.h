@@ -15,6 +15,8 @@
 #include <kestrow/Platform.h>
 #include <kestrow/WinTypes.h>
 
+#include <libKestrow/Volume.h>
+
 #include <orv/Logger.h>
 
 #include <cstdint>
@@ -46,7 +48,21 @@ struct Geometry {
         return g;
     }
     DWORD bytesPerCluster() const { return bytesPerSector * sectorsPerCluster; }
+
+    // Keeps the volume small enough that reading every cluster it has stays
+    // quick: a run as large as the volume is legitimate input.
+    void capVolumeSize() {
+        const std::uint64_t maxClusters = (64ULL << 20) / bytesPerCluster();
+        if (totalClusters > maxClusters)
+            totalClusters = static_cast<DWORD>(maxClusters);
+    }
 };
+
+// The drive handle postProcess reads index blocks through.
+inline void openDrive(VolumeHandle& handle) {
+    handle.open(orv::CreateFileOpenArgs(orv::String("\\\\.\\PhysicalDrive0"), GENERIC_READ,
+                                        FILE_SHARE_READ | FILE_SHARE_WRITE, OPEN_EXISTING, 0));
+}
 
 // Where the disk bytes of the input lie on the disk.
 enum class DiskOrigin { Zero, FirstRead };

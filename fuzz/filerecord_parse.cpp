@@ -14,11 +14,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     if (size < GEOMETRY_BYTES)
         return 0;
     Geometry geometry = Geometry::from(data);
-    // Keep the volume small enough that reading every cluster it has stays
-    // quick: a run as large as the volume is legitimate input.
-    const std::uint64_t maxClusters = (64ULL << 20) / geometry.bytesPerCluster();
-    if (geometry.totalClusters > maxClusters)
-        geometry.totalClusters = static_cast<DWORD>(maxClusters);
+    geometry.capVolumeSize();
     const std::uint8_t* disk = data + GEOMETRY_BYTES;
     const std::size_t diskSize = size - GEOMETRY_BYTES;
 
@@ -34,8 +30,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     FileRecord record(buffer, FileReference(42, 1), volume);
 
     VolumeHandle handle;
-    handle.open(orv::CreateFileOpenArgs(orv::String("\\\\.\\PhysicalDrive0"), GENERIC_READ,
-                                        FILE_SHARE_READ | FILE_SHARE_WRITE, OPEN_EXISTING, 0));
+    openDrive(handle);
     record.postProcess(handle);
     const RecordSummary summary(record);
     (void)summary;

@@ -19,11 +19,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     if (size < GEOMETRY_BYTES)
         return 0;
     Geometry geometry = Geometry::from(data);
-    // As in filerecord_parse: every cluster of a volume this size is read
-    // quickly, and a range as large as the volume is legitimate input.
-    const std::uint64_t maxClusters = (64ULL << 20) / geometry.bytesPerCluster();
-    if (geometry.totalClusters > maxClusters)
-        geometry.totalClusters = static_cast<DWORD>(maxClusters);
+    geometry.capVolumeSize();
     const std::uint8_t* rest = data + GEOMETRY_BYTES;
     const std::size_t restSize = size - GEOMETRY_BYTES;
     const std::size_t recordSize =
@@ -41,8 +37,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     FileRecord record(buffer, FileReference(5, 5), volume);
 
     VolumeHandle handle;
-    handle.open(orv::CreateFileOpenArgs(orv::String("\\\\.\\PhysicalDrive0"), GENERIC_READ,
-                                        FILE_SHARE_READ | FILE_SHARE_WRITE, OPEN_EXISTING, 0));
+    openDrive(handle);
     record.postProcess(handle);
 
     // Every child is listed once, and a second pass over the same blocks
