@@ -55,6 +55,14 @@ protected:
     Bytes m_bytes;
 };
 
+// A record's attributes as "name/r" (resident) or "name/n".
+inline std::vector<std::string> attributeNames(const FileRecord& record) {
+    std::vector<std::string> names;
+    for (const AttributeSummary& a : record.getAttributes())
+        names.push_back(a.name.toUtf8() + (a.resident ? "/r" : "/n"));
+    return names;
+}
+
 inline std::string utf8(const orv::String& text) {
     return text.toUtf8();
 }

@@ -19,13 +19,6 @@ FileNameValue named(const std::u16string& name, std::uint64_t parent = reference
     return v;
 }
 
-std::vector<std::string> attributeNames(const FileRecord& record) {
-    std::vector<std::string> names;
-    for (const AttributeSummary& a : record.getAttributes())
-        names.push_back(a.name.toUtf8() + (a.resident ? "/r" : "/n"));
-    return names;
-}
-
 class RecordHeaderTest : public FakeVolumeTest {};
 
 TEST_F(RecordHeaderTest, RefusesOtherSignaturesAndFreeRecordsSilently) {

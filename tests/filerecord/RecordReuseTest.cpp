@@ -35,13 +35,6 @@ FileNameValue named(const std::u16string& name, std::uint32_t flags = 0x20) {
     return v;
 }
 
-std::vector<std::string> attributeNames(const FileRecord& record) {
-    std::vector<std::string> names;
-    for (const AttributeSummary& a : record.getAttributes())
-        names.push_back(a.name.toUtf8() + (a.resident ? "/r" : "/n"));
-    return names;
-}
-
 // A record that fills every container, two of them past their first 8
 // elements: 9 attributes, 10 cluster runs, 8 extension records, an index entry,
 // a long directory name and a non-resident data size.
