@@ -207,7 +207,7 @@ SprintfFormat::SprintfFormat(const char* format, std::va_list arguments) {
         if (spec.width == "*")
             spec.width = std::to_string(va_arg(args, int));
         if (spec.precision == ".*")
-            spec.precision = "." + std::to_string(va_arg(args, int));
+            spec.precision.assign(1, '.').append(std::to_string(va_arg(args, int)));
         const long width = spec.width.empty() ? 0 : std::strtol(spec.width.c_str(), nullptr, 10);
         const long precision =
             spec.precision.empty() ? -1 : std::strtol(spec.precision.c_str() + 1, nullptr, 10);

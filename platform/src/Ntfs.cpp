@@ -41,9 +41,9 @@ constexpr std::size_t kMinimumLength = 0x18;
 constexpr std::size_t kMinimumNonResidentLength = 0x40;
 } // namespace attrHeader
 
-// $ATTRIBUTE_LIST entry.
+// $ATTRIBUTE_LIST entry. Its type (at 0x00) is not needed: every record an
+// entry names is read whole.
 namespace listEntry {
-constexpr std::size_t kType = 0x00;
 constexpr std::size_t kLength = 0x04;
 constexpr std::size_t kRecord = 0x10;
 constexpr std::size_t kMinimumLength = 0x1A;

@@ -44,7 +44,8 @@ std::u16string makeName(std::mt19937_64& random, const char* const* stems, std::
     // Every fifth name is long, to give the index entries varied sizes.
     if (random() % 5 == 0)
         name += " with a rather longer descriptive part";
-    name += "_" + std::to_string(serial);
+    name += '_';
+    name += std::to_string(serial);
     name += suffix;
     return kestrow::test::utf8ToUtf16(name);
 }
