@@ -19,6 +19,18 @@ struct ReadResult {
     DWORD error = 0;
 };
 
+// A read-only host mapping of part of a source: `bytes` is the first byte
+// asked for; [base, base + length) is what the host mapped (whole pages) and
+// what unmapBytes gives back.
+struct MappedBytes {
+    void* base = nullptr;
+    std::size_t length = 0;
+    const std::uint8_t* bytes = nullptr;
+};
+
+// Releases a mapping made by ByteSource::mapReadOnly.
+void unmapBytes(const MappedBytes& mapped);
+
 class ByteSource {
 public:
     virtual ~ByteSource();
@@ -29,6 +41,14 @@ public:
 
     // Reads exactly `length` bytes, failing (ERROR_HANDLE_EOF) on a short read.
     DWORD readExactly(std::uint64_t offset, void* buffer, std::size_t length) const;
+
+    // Maps [offset, offset + length) for reading only; 0 or a Windows error
+    // code. The range must lie inside the source (ERROR_INVALID_PARAMETER
+    // otherwise). Sources without a host file behind them cannot be mapped
+    // and answer ERROR_NOT_SUPPORTED, which is what this default does.
+    virtual DWORD mapReadOnly(std::uint64_t offset, std::size_t length, MappedBytes& mapped) const;
+    // Whether mapReadOnly can succeed at all for this source.
+    virtual bool mappable() const { return false; }
 };
 
 // An image file or block device opened read-only.
@@ -40,6 +60,9 @@ public:
 
     std::uint64_t size() const override { return m_size; }
     ReadResult readAt(std::uint64_t offset, void* buffer, std::size_t length) const override;
+    DWORD mapReadOnly(std::uint64_t offset, std::size_t length,
+                      MappedBytes& mapped) const override;
+    bool mappable() const override;
 
     // The logical sector size the device reports, or 0 for a regular file.
     std::uint32_t deviceSectorSize() const { return m_deviceSectorSize; }
@@ -61,6 +84,9 @@ public:
     SliceSource(std::shared_ptr<const ByteSource> base, std::uint64_t offset, std::uint64_t length);
     std::uint64_t size() const override { return m_length; }
     ReadResult readAt(std::uint64_t offset, void* buffer, std::size_t length) const override;
+    DWORD mapReadOnly(std::uint64_t offset, std::size_t length,
+                      MappedBytes& mapped) const override;
+    bool mappable() const override { return m_base->mappable(); }
 
 private:
     std::shared_ptr<const ByteSource> m_base;

@@ -47,9 +47,14 @@ constexpr ErrorText kErrorTexts[] = {
     {234, "More data is available.\r\n"},
     {259, "No more data is available.\r\n"},
     {267, "The directory name is invalid.\r\n"},
+    {487, "Attempt to access invalid address.\r\n"},
     {1005, "The volume does not contain a recognized file system.\r\nPlease make sure that all "
            "required file system drivers are loaded and that the volume is not corrupted.\r\n"},
+    {1006, "The volume for a file has been externally altered so that the opened file is no "
+           "longer valid.\r\n"},
     {1117, "The request could not be performed because of an I/O device error.\r\n"},
+    {1132, "The base address or the file offset specified does not have the proper "
+           "alignment.\r\n"},
     {1392, "The file or directory is corrupted and unreadable.\r\n"},
     {1393, "The disk structure is corrupted and unreadable.\r\n"},
     {1784, "The supplied user buffer is not valid for the requested operation.\r\n"},

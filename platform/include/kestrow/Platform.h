@@ -47,6 +47,17 @@ public:
     virtual DWORD GetFileAttributesW(LPCWSTR fileName) = 0;
     virtual BOOL GlobalMemoryStatusEx(LPMEMORYSTATUSEX buffer) = 0;
 
+    // Read-only views of a file or device. An Api that offers none keeps
+    // these defaults, which fail with ERROR_NOT_SUPPORTED: callers then read
+    // the bytes with ReadFile instead. A mapping handle is closed with
+    // CloseHandle.
+    virtual HANDLE CreateFileMappingW(HANDLE file, LPSECURITY_ATTRIBUTES attributes,
+                                      DWORD protect, DWORD maximumSizeHigh, DWORD maximumSizeLow,
+                                      LPCWSTR name);
+    virtual LPVOID MapViewOfFile(HANDLE mapping, DWORD desiredAccess, DWORD offsetHigh,
+                                 DWORD offsetLow, SIZE_T bytesToMap);
+    virtual BOOL UnmapViewOfFile(LPCVOID baseAddress);
+
     // The thread's last error code. The default implementations keep one
     // thread-local value shared by every Api (SetLastError/GetLastError of
     // the OS on Windows).
@@ -95,6 +106,11 @@ KESTROW_API BOOL GetDiskFreeSpaceW(LPCWSTR rootPathName, LPDWORD sectorsPerClust
                                    LPDWORD totalNumberOfClusters);
 KESTROW_API DWORD GetFileAttributesW(LPCWSTR fileName);
 KESTROW_API BOOL GlobalMemoryStatusEx(LPMEMORYSTATUSEX buffer);
+KESTROW_API HANDLE CreateFileMappingW(HANDLE file, LPSECURITY_ATTRIBUTES attributes, DWORD protect,
+                                      DWORD maximumSizeHigh, DWORD maximumSizeLow, LPCWSTR name);
+KESTROW_API LPVOID MapViewOfFile(HANDLE mapping, DWORD desiredAccess, DWORD offsetHigh,
+                                 DWORD offsetLow, SIZE_T bytesToMap);
+KESTROW_API BOOL UnmapViewOfFile(LPCVOID baseAddress);
 KESTROW_API DWORD GetLastError();
 KESTROW_API void SetLastError(DWORD code);
 KESTROW_API WideString errorMessage(DWORD code);
