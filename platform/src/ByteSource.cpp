@@ -160,6 +160,7 @@ std::shared_ptr<HostFile> HostFile::open(const std::string& path, std::string& e
 #endif
     } else if (S_ISREG(status.st_mode)) {
         file->m_size = static_cast<std::uint64_t>(status.st_size);
+        file->m_regularFile = true;
     } else {
         error = path + " is neither a regular file nor a block device";
         return nullptr;
@@ -196,6 +197,8 @@ ReadResult HostFile::readAt(std::uint64_t offset, void* buffer, std::size_t leng
 // a shared mapping writable later (mprotect fails with EACCES), so nothing
 // done through a view can reach the image.
 DWORD HostFile::mapReadOnly(std::uint64_t offset, std::size_t length, MappedBytes& mapped) const {
+    if (!mappable())
+        return ERROR_NOT_SUPPORTED;
     if (length == 0 || !rangeInside(offset, length, m_size))
         return ERROR_INVALID_PARAMETER;
     static const std::uint64_t page = static_cast<std::uint64_t>(::sysconf(_SC_PAGESIZE));
@@ -214,8 +217,11 @@ DWORD HostFile::mapReadOnly(std::uint64_t offset, std::size_t length, MappedByte
     return 0;
 }
 
+// Image files only. A block device is read with pread: a medium error there
+// is an error code the library reports, where touching a mapped page of a bad
+// sector would raise SIGBUS in the host.
 bool HostFile::mappable() const {
-    return m_size != 0;
+    return m_regularFile && m_size != 0;
 }
 
 void unmapBytes(const MappedBytes& mapped) {

@@ -76,6 +76,7 @@ private:
 #endif
     std::uint64_t m_size = 0;
     std::uint32_t m_deviceSectorSize = 0;
+    bool m_regularFile = false;
 };
 
 // The bytes [offset, offset + length) of another source.
