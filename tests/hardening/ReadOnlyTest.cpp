@@ -11,6 +11,7 @@
 #include <kestrow/Disks.h>
 #include <kestrow/Platform.h>
 #include <kestrow/WinTypes.h>
+#include <libKestrow/MasterFileTable.h>
 
 #include <gtest/gtest.h>
 
@@ -20,7 +21,11 @@
 #include <string>
 #include <vector>
 
+#include <cerrno>
+#include <fstream>
+
 #include <fcntl.h>
+#include <sys/mman.h>
 #include <unistd.h>
 
 namespace kestrow::test::hardening {
@@ -136,16 +141,86 @@ TEST_P(AttachedScratch, DevicesOpenedForWritingOfferNothingThatWrites) {
                                                    &returned, nullptr))
                 << device << " request " << std::hex << request;
         }
+        // Nor can it be mapped for writing, only for reading.
+        for (DWORD protection : {PAGE_READWRITE, PAGE_WRITECOPY, PAGE_EXECUTE_READWRITE}) {
+            EXPECT_EQ(platform::CreateFileMappingW(handle, nullptr, protection, 0, 0, nullptr),
+                      nullptr)
+                << device << " protection " << protection;
+            EXPECT_EQ(platform::GetLastError(), static_cast<DWORD>(ERROR_WRITE_PROTECT));
+        }
+        HANDLE mapping = platform::CreateFileMappingW(handle, nullptr, PAGE_READONLY, 0, 0, nullptr);
+        ASSERT_NE(mapping, nullptr) << device;
+        for (DWORD access : {static_cast<DWORD>(FILE_MAP_WRITE), FILE_MAP_READ | FILE_MAP_WRITE,
+                             static_cast<DWORD>(FILE_MAP_ALL_ACCESS)}) {
+            EXPECT_EQ(platform::MapViewOfFile(mapping, access, 0, 0, 4096), nullptr)
+                << device << " access " << std::hex << access;
+            EXPECT_EQ(platform::GetLastError(), static_cast<DWORD>(ERROR_ACCESS_DENIED));
+        }
+        platform::CloseHandle(mapping);
         platform::CloseHandle(handle);
     }
+}
+
+// The host mappings of `file` in this process, as /proc/self/maps lists
+// them: start address and permissions ("r--s").
+std::vector<std::pair<std::uintptr_t, std::string>> mappingsOf(const fs::path& file) {
+    std::vector<std::pair<std::uintptr_t, std::string>> found;
+    const std::string wanted = fs::canonical(file).string();
+    std::ifstream maps("/proc/self/maps");
+    std::string line;
+    while (std::getline(maps, line)) {
+        if (line.size() < wanted.size() ||
+            line.compare(line.size() - wanted.size(), wanted.size(), wanted) != 0)
+            continue;
+        std::istringstream fields(line);
+        std::string range;
+        std::string permissions;
+        fields >> range >> permissions;
+        found.emplace_back(std::stoull(range.substr(0, range.find('-')), nullptr, 16),
+                           permissions);
+    }
+    return found;
+}
+
+// The views the record buffer is served through, and views asked for
+// directly, are read-only mappings of a descriptor opened read-only: the
+// kernel refuses to make them writable.
+TEST_P(AttachedScratch, ViewsOfTheImageCannotBeWritten) {
+    Volume volume('C');
+    MasterFileTable table(volume);
+    ASSERT_TRUE(table.initialized());
+    ASSERT_TRUE(table.buildRecordMap());
+    HANDLE drive = platform::CreateFileW(widen("\\\\.\\PhysicalDrive0").c_str(), GENERIC_READ,
+                                         FILE_SHARE_READ | FILE_SHARE_WRITE, nullptr,
+                                         OPEN_EXISTING, 0, nullptr);
+    ASSERT_NE(drive, INVALID_HANDLE_VALUE);
+    HANDLE mapping = platform::CreateFileMappingW(drive, nullptr, PAGE_READONLY, 0, 0, nullptr);
+    ASSERT_NE(mapping, nullptr);
+    LPVOID view = platform::MapViewOfFile(mapping, FILE_MAP_READ, 0, 0, 0);
+    ASSERT_NE(view, nullptr);
+
+    const auto mappings = mappingsOf(scratch.path());
+    ASSERT_FALSE(mappings.empty()) << "the image is not mapped";
+    const long page = ::sysconf(_SC_PAGESIZE);
+    for (const auto& [start, permissions] : mappings) {
+        EXPECT_EQ(permissions.find('w'), std::string::npos) << permissions;
+        errno = 0;
+        EXPECT_EQ(::mprotect(reinterpret_cast<void*>(start), static_cast<std::size_t>(page),
+                             PROT_READ | PROT_WRITE),
+                  -1);
+        EXPECT_EQ(errno, EACCES);
+    }
+    platform::UnmapViewOfFile(view);
+    platform::CloseHandle(mapping);
+    platform::CloseHandle(drive);
 }
 
 INSTANTIATE_TEST_SUITE_P(Fixtures, AttachedScratch,
                          ::testing::ValuesIn(allImages().begin(), allImages().end()));
 
-// The calls of the C library that could change a file or a device. (A
-// mapping needs no check: a descriptor opened read-only cannot be mapped for
-// writing.)
+// The calls of the C library that could change a file or a device. Views of
+// an image are mappings of a descriptor opened read-only, which cannot be made
+// writable (see above); the library has no call that would try.
 TEST(ReadOnlyLibrary, LinksNoCallThatWrites) {
     const oracle::ToolOutput symbols =
         oracle::runTool({"nm", "-D", "--undefined-only", KESTROW_LIBRARY_PATH});
@@ -161,7 +236,8 @@ TEST(ReadOnlyLibrary, LinksNoCallThatWrites) {
     for (const char* call : {"write",       "pwrite",    "pwrite64",        "writev",   "pwritev",
                              "pwritev2",    "ftruncate", "ftruncate64",     "truncate", "fallocate",
                              "fallocate64", "unlink",    "unlinkat",        "rename",   "renameat",
-                             "fsync",       "fdatasync", "sync_file_range", "creat",    "creat64"})
+                             "fsync",       "fdatasync", "sync_file_range", "creat",    "creat64",
+                             "mprotect",    "msync",     "mremap"})
         EXPECT_EQ(imported.count(call), 0u) << "libKestrow imports " << call;
 }
 
