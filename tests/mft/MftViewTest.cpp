@@ -29,6 +29,14 @@ using kestrow::test::FixtureImage;
 using kestrow::test::ImageFacts;
 using kestrow::test::LogCapture;
 
+// The backend maps image files on POSIX hosts; on Windows it reads them, and
+// there both runs of a comparison read.
+#if defined(_WIN32)
+constexpr bool BACKEND_MAPS_IMAGES = false;
+#else
+constexpr bool BACKEND_MAPS_IMAGES = true;
+#endif
+
 // The disk-image backend, with a script on top: mappings refused, the drive's
 // reads and views that cover one byte failing, and a chosen amount of free
 // memory (a little makes the record buffer small, so that it moves often).
@@ -264,7 +272,9 @@ TEST_P(ViewedAndRead, GiveTheSameRecordsResultsAndLogLines) {
         EXPECT_EQ(read.viewsShown, 0u);
         expectSameRuns(viewed, read);
     }
-    EXPECT_GT(viewsShown, 0u) << "the drive was never mapped";
+    if (BACKEND_MAPS_IMAGES) {
+        EXPECT_GT(viewsShown, 0u) << "the drive was never mapped";
+    }
 }
 
 INSTANTIATE_TEST_SUITE_P(Fixtures, ViewedAndRead,
@@ -318,7 +328,9 @@ TEST(ViewedBuffer, AFailedRefreshServesTheEarlierBytes) {
     const TableRun viewed = runOn(image, {true, memory, failing});
     const TableRun read = runOn(image, {false, memory, failing});
     const TableRun clean = runOn(image, {false, memory, std::nullopt});
-    EXPECT_GT(viewed.viewsShown, 0u);
+    if (BACKEND_MAPS_IMAGES) {
+        EXPECT_GT(viewed.viewsShown, 0u);
+    }
     EXPECT_GT(viewed.failedReads, 0u) << "the failing range was never read";
     EXPECT_EQ(viewed.failedReads, read.failedReads);
     EXPECT_NE(read.records, clean.records) << "the failed range served its own records";
@@ -328,7 +340,9 @@ TEST(ViewedBuffer, AFailedRefreshServesTheEarlierBytes) {
     // serve what the table they were made from served.
     const TableRun viewedCopies = runOn(image, {true, memory, failing, true});
     const TableRun readCopies = runOn(image, {false, memory, failing, true});
-    EXPECT_GT(viewedCopies.viewsShown, 0u);
+    if (BACKEND_MAPS_IMAGES) {
+        EXPECT_GT(viewedCopies.viewsShown, 0u);
+    }
     expectSameRuns(viewedCopies, readCopies);
 }
 
