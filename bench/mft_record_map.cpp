@@ -141,12 +141,12 @@ void BM_ReadMftBytes(benchmark::State& state) {
         "\\\\.\\PhysicalDrive" + std::to_string(chunks.runs[0].diskNumber);
     const platform::WideString wideDrive(drivePath.begin(), drivePath.end());
     HANDLE drive = platform::CreateFileW(wideDrive.c_str(), GENERIC_READ | GENERIC_WRITE,
-                                         FILE_SHARE_READ | FILE_SHARE_WRITE, nullptr,
-                                         OPEN_EXISTING, 0, nullptr);
-    HANDLE mapping = drive == INVALID_HANDLE_VALUE
-                         ? nullptr
-                         : platform::CreateFileMappingW(drive, nullptr, PAGE_READONLY, 0, 0,
-                                                        nullptr);
+                                         FILE_SHARE_READ | FILE_SHARE_WRITE, nullptr, OPEN_EXISTING,
+                                         0, nullptr);
+    HANDLE mapping =
+        drive == INVALID_HANDLE_VALUE
+            ? nullptr
+            : platform::CreateFileMappingW(drive, nullptr, PAGE_READONLY, 0, 0, nullptr);
     if (mapping == nullptr) {
         if (drive != INVALID_HANDLE_VALUE)
             platform::CloseHandle(drive);
@@ -168,10 +168,9 @@ void BM_ReadMftBytes(benchmark::State& state) {
             LPVOID next = nullptr;
             if (offset % 4096 == 0 && n % 4096 == 0) {
                 const unsigned long long start = offset - offset % GRANULARITY;
-                next = platform::MapViewOfFile(mapping, FILE_MAP_READ,
-                                               static_cast<DWORD>(start >> 32),
-                                               static_cast<DWORD>(start),
-                                               static_cast<SIZE_T>(offset - start + n));
+                next = platform::MapViewOfFile(
+                    mapping, FILE_MAP_READ, static_cast<DWORD>(start >> 32),
+                    static_cast<DWORD>(start), static_cast<SIZE_T>(offset - start + n));
                 if (next != nullptr)
                     at = static_cast<const unsigned char*>(next) + (offset - start);
             }

@@ -372,10 +372,9 @@ private:
         const unsigned long long lead = offset - start;
         if (m_mapping == nullptr || length > ~static_cast<SIZE_T>(0) - lead)
             return false;
-        void* base = platform::MapViewOfFile(m_mapping, FILE_MAP_READ,
-                                             static_cast<DWORD>(start >> 32),
-                                             static_cast<DWORD>(start & 0xFFFFFFFFu),
-                                             static_cast<SIZE_T>(lead + length));
+        void* base = platform::MapViewOfFile(
+            m_mapping, FILE_MAP_READ, static_cast<DWORD>(start >> 32),
+            static_cast<DWORD>(start & 0xFFFFFFFFu), static_cast<SIZE_T>(lead + length));
         if (base == nullptr)
             return false;
         view.base = base;

@@ -60,8 +60,7 @@ public:
 
     std::uint64_t size() const override { return m_size; }
     ReadResult readAt(std::uint64_t offset, void* buffer, std::size_t length) const override;
-    DWORD mapReadOnly(std::uint64_t offset, std::size_t length,
-                      MappedBytes& mapped) const override;
+    DWORD mapReadOnly(std::uint64_t offset, std::size_t length, MappedBytes& mapped) const override;
     bool mappable() const override;
 
     // The logical sector size the device reports, or 0 for a regular file.
@@ -85,8 +84,7 @@ public:
     SliceSource(std::shared_ptr<const ByteSource> base, std::uint64_t offset, std::uint64_t length);
     std::uint64_t size() const override { return m_length; }
     ReadResult readAt(std::uint64_t offset, void* buffer, std::size_t length) const override;
-    DWORD mapReadOnly(std::uint64_t offset, std::size_t length,
-                      MappedBytes& mapped) const override;
+    DWORD mapReadOnly(std::uint64_t offset, std::size_t length, MappedBytes& mapped) const override;
     bool mappable() const override { return m_base->mappable(); }
 
 private:

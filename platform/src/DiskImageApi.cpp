@@ -657,8 +657,8 @@ BOOL DiskImageApi::GlobalMemoryStatusEx(LPMEMORYSTATUSEX buffer) {
 // not offered either. Files inside a volume, and disks held in memory, cannot
 // be mapped; callers read them with ReadFile.
 HANDLE DiskImageApi::CreateFileMappingW(HANDLE file, LPSECURITY_ATTRIBUTES attributes,
-                                        DWORD protect, DWORD maximumSizeHigh,
-                                        DWORD maximumSizeLow, LPCWSTR name) {
+                                        DWORD protect, DWORD maximumSizeHigh, DWORD maximumSizeLow,
+                                        LPCWSTR name) {
     (void)attributes;
     const auto refuse = [](DWORD code) -> HANDLE {
         setThreadLastError(code);

@@ -56,8 +56,7 @@ public:
     }
 
     HANDLE CreateFileMappingW(HANDLE file, LPSECURITY_ATTRIBUTES attributes, DWORD protect,
-                              DWORD maximumSizeHigh, DWORD maximumSizeLow,
-                              LPCWSTR name) override {
+                              DWORD maximumSizeHigh, DWORD maximumSizeLow, LPCWSTR name) override {
         return ::CreateFileMappingW(file, attributes, protect, maximumSizeHigh, maximumSizeLow,
                                     name);
     }

@@ -148,7 +148,8 @@ TEST_P(AttachedScratch, DevicesOpenedForWritingOfferNothingThatWrites) {
                 << device << " protection " << protection;
             EXPECT_EQ(platform::GetLastError(), static_cast<DWORD>(ERROR_WRITE_PROTECT));
         }
-        HANDLE mapping = platform::CreateFileMappingW(handle, nullptr, PAGE_READONLY, 0, 0, nullptr);
+        HANDLE mapping =
+            platform::CreateFileMappingW(handle, nullptr, PAGE_READONLY, 0, 0, nullptr);
         ASSERT_NE(mapping, nullptr) << device;
         for (DWORD access : {static_cast<DWORD>(FILE_MAP_WRITE), FILE_MAP_READ | FILE_MAP_WRITE,
                              static_cast<DWORD>(FILE_MAP_ALL_ACCESS)}) {
@@ -176,8 +177,7 @@ std::vector<std::pair<std::uintptr_t, std::string>> mappingsOf(const fs::path& f
         std::string range;
         std::string permissions;
         fields >> range >> permissions;
-        found.emplace_back(std::stoull(range.substr(0, range.find('-')), nullptr, 16),
-                           permissions);
+        found.emplace_back(std::stoull(range.substr(0, range.find('-')), nullptr, 16), permissions);
     }
     return found;
 }
@@ -191,8 +191,8 @@ TEST_P(AttachedScratch, ViewsOfTheImageCannotBeWritten) {
     ASSERT_TRUE(table.initialized());
     ASSERT_TRUE(table.buildRecordMap());
     HANDLE drive = platform::CreateFileW(widen("\\\\.\\PhysicalDrive0").c_str(), GENERIC_READ,
-                                         FILE_SHARE_READ | FILE_SHARE_WRITE, nullptr,
-                                         OPEN_EXISTING, 0, nullptr);
+                                         FILE_SHARE_READ | FILE_SHARE_WRITE, nullptr, OPEN_EXISTING,
+                                         0, nullptr);
     ASSERT_NE(drive, INVALID_HANDLE_VALUE);
     HANDLE mapping = platform::CreateFileMappingW(drive, nullptr, PAGE_READONLY, 0, 0, nullptr);
     ASSERT_NE(mapping, nullptr);
@@ -233,11 +233,11 @@ TEST(ReadOnlyLibrary, LinksNoCallThatWrites) {
         imported.insert(name.substr(0, name.find('@')));
     }
     ASSERT_TRUE(imported.count("pread") || imported.count("pread64")) << "not the library expected";
-    for (const char* call : {"write",       "pwrite",    "pwrite64",        "writev",   "pwritev",
-                             "pwritev2",    "ftruncate", "ftruncate64",     "truncate", "fallocate",
-                             "fallocate64", "unlink",    "unlinkat",        "rename",   "renameat",
-                             "fsync",       "fdatasync", "sync_file_range", "creat",    "creat64",
-                             "mprotect",    "msync",     "mremap"})
+    for (const char* call :
+         {"write",     "pwrite",      "pwrite64", "writev",    "pwritev",     "pwritev2",
+          "ftruncate", "ftruncate64", "truncate", "fallocate", "fallocate64", "unlink",
+          "unlinkat",  "rename",      "renameat", "fsync",     "fdatasync",   "sync_file_range",
+          "creat",     "creat64",     "mprotect", "msync",     "mremap"})
         EXPECT_EQ(imported.count(call), 0u) << "libKestrow imports " << call;
 }
 

@@ -168,9 +168,11 @@ std::vector<std::string> walkBothWays(MasterFileTable& table) {
     std::vector<std::string> records;
     FileRecord record;
     for (unsigned long long index = 0; index < count; ++index)
-        records.push_back(describe(table.getValidMftRecord(FileReference(index, 0), record), record));
+        records.push_back(
+            describe(table.getValidMftRecord(FileReference(index, 0), record), record));
     for (unsigned long long index = count; index-- > 0;)
-        records.push_back(describe(table.getValidMftRecord(FileReference(index, 0), record), record));
+        records.push_back(
+            describe(table.getValidMftRecord(FileReference(index, 0), record), record));
     return records;
 }
 
@@ -230,7 +232,8 @@ TableRun runOn(const std::filesystem::path& image, const Script& script) {
         Volume volume('C');
         auto table = std::make_unique<MasterFileTable>(volume);
         EXPECT_TRUE(table->initialized());
-        run.records = script.replacingTheTable ? walkReplacingTheTable(table) : walkBothWays(*table);
+        run.records =
+            script.replacingTheTable ? walkReplacingTheTable(table) : walkBothWays(*table);
         std::ostringstream owners;
         for (const unsigned long long cluster : {8ULL, ~0ULL >> 20}) {
             FileReference ref(0, 0);

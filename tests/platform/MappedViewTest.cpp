@@ -51,10 +51,9 @@ protected:
         attached = std::make_unique<AttachedDisks>(path);
         ASSERT_TRUE(attached->ok()) << attached->error();
         // The library opens its drive for reading and writing: so do these.
-        drive = platform::CreateFileW(widen("\\\\.\\PhysicalDrive0").c_str(),
-                                      GENERIC_READ | GENERIC_WRITE,
-                                      FILE_SHARE_READ | FILE_SHARE_WRITE, nullptr, OPEN_EXISTING,
-                                      0, nullptr);
+        drive = platform::CreateFileW(
+            widen("\\\\.\\PhysicalDrive0").c_str(), GENERIC_READ | GENERIC_WRITE,
+            FILE_SHARE_READ | FILE_SHARE_WRITE, nullptr, OPEN_EXISTING, 0, nullptr);
         ASSERT_NE(drive, INVALID_HANDLE_VALUE);
     }
     void TearDown() override {
@@ -209,7 +208,8 @@ TEST_F(PatternDisk, SlicesStartingInsideAPageMapFromTheirOwnStart) {
 // A volume's views count from the volume's start, wherever its partition
 // lies on the disk: they show what ReadFile reads there.
 TEST(MappedVolumes, AVolumeViewShowsWhatReadFileReads) {
-    const kestrow::test::ImageFacts& facts = kestrow::test::factsOf(kestrow::test::FixtureImage::MbrDisk);
+    const kestrow::test::ImageFacts& facts =
+        kestrow::test::factsOf(kestrow::test::FixtureImage::MbrDisk);
     AttachedDisks attached(kestrow::test::imagePath(facts.image));
     ASSERT_TRUE(attached.ok()) << attached.error();
     HANDLE volume = platform::CreateFileW(widen("\\\\.\\C:").c_str(), GENERIC_READ,

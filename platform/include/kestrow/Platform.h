@@ -51,9 +51,8 @@ public:
     // these defaults, which fail with ERROR_NOT_SUPPORTED: callers then read
     // the bytes with ReadFile instead. A mapping handle is closed with
     // CloseHandle.
-    virtual HANDLE CreateFileMappingW(HANDLE file, LPSECURITY_ATTRIBUTES attributes,
-                                      DWORD protect, DWORD maximumSizeHigh, DWORD maximumSizeLow,
-                                      LPCWSTR name);
+    virtual HANDLE CreateFileMappingW(HANDLE file, LPSECURITY_ATTRIBUTES attributes, DWORD protect,
+                                      DWORD maximumSizeHigh, DWORD maximumSizeLow, LPCWSTR name);
     virtual LPVOID MapViewOfFile(HANDLE mapping, DWORD desiredAccess, DWORD offsetHigh,
                                  DWORD offsetLow, SIZE_T bytesToMap);
     virtual BOOL UnmapViewOfFile(LPCVOID baseAddress);
