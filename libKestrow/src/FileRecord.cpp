@@ -152,7 +152,7 @@ template <class T> void resetToNew(orv::Array<T>& array) {
 } // namespace
 
 void FileRecordParser::reparse(FileRecord& record, orv::Buffer<unsigned char>& buffer,
-                               const FileReference& reference, Volume& volume) {
+                               const FileReference& reference, Volume& volume, ParseDetail detail) {
     record.m_valid = false;
     record.m_longNameFound = false;
     record.m_mftIndex = reference;
@@ -171,7 +171,7 @@ void FileRecordParser::reparse(FileRecord& record, orv::Buffer<unsigned char>& b
     resetToNew(record.m_clusterRanges);
     resetToNew(record.m_indexAllocationRanges);
     resetToNew(record.m_indexEntries);
-    record.processAttributes(buffer);
+    walkAttributes(record, buffer, detail);
 }
 
 FileRecord::FileRecord(const FileRecord& other) = default;
@@ -183,10 +183,21 @@ FileRecord::~FileRecord() = default;
 // ---- The attribute walk ----------------------------------------------------------
 
 void FileRecord::processAttributes(orv::Buffer<unsigned char>& buffer) {
+    FileRecordParser::walkAttributes(*this, buffer, ParseDetail::FULL);
+}
+
+void FileRecordParser::walkAttributes(FileRecord& self, orv::Buffer<unsigned char>& buffer,
+                                      ParseDetail detail) {
+    // The walk reads and writes the record's members as its own.
+    auto& m_volume = self.m_volume;
+    auto& m_valid = self.m_valid;
+    auto& m_allocatedSize = self.m_allocatedSize;
+    auto& m_realSize = self.m_realSize;
     // Guard: a record bound to no volume (the default one) has no geometry to
     // parse with.
     if (m_volume == nullptr)
         return;
+    const bool summaries = detail == ParseDetail::FULL;
     const ByteBlock record(buffer.data(), buffer.size());
     // Guard: a buffer too short for the header holds no record.
     if (!record.has(0, FileRecordHeader::SIZE))
@@ -217,22 +228,31 @@ void FileRecord::processAttributes(orv::Buffer<unsigned char>& buffer) {
         if (length < headerSize || !record.has(offset, length))
             break;
 
-        AttributeSummary summary;
         // The record's figures are set before every attribute, so after the walk
         // they are those of the last attribute: its own sizes if it was
         // non-resident, otherwise the record's. The order is intended.
-        m_allocatedSize = static_cast<std::uint32_t>(m_volume->m_bytesPerSector * bytesAllocated);
+        m_allocatedSize = static_cast<std::uint32_t>(m_volume->bytesPerSector() * bytesAllocated);
         m_realSize = bytesInUse;
         if (!nonResident) {
             const ResidentAttributeHeader attribute(record, offset, length);
-            processResidentAttribute(&attribute, summary);
+            if (summaries) {
+                AttributeSummary summary;
+                self.processResidentAttribute(&attribute, summary);
+                self.m_attributes.append(std::move(summary));
+            } else {
+                processResidentForSummary(self, attribute);
+            }
         } else {
+            // Rare (a few in a hundred records), and it logs: one handler for
+            // both details, its summary dropped when none is kept.
             const NonResidentAttributeHeader attribute(record, offset, length);
-            processNonResidentAttribute(&attribute, summary);
+            AttributeSummary summary;
+            self.processNonResidentAttribute(&attribute, summary);
+            if (summaries)
+                self.m_attributes.append(std::move(summary));
         }
         m_allocatedSize &= SIZE_MASK_44;
         m_realSize &= SIZE_MASK_44;
-        m_attributes.append(std::move(summary));
         offset += length;
     }
 }
@@ -261,6 +281,26 @@ void FileRecord::processResidentAttribute(const ResidentAttributeHeader* attribu
         FileRecordParser::processIndexRoot(*this, *attribute);
         break;
     default:
+        break;
+    }
+}
+
+void FileRecordParser::processResidentForSummary(FileRecord& record,
+                                                 const ResidentAttributeHeader& attribute) {
+    switch (attribute.typeCode()) {
+    case AttributeType::ATTRIBUTE_LIST:
+        collectAttributeListEntries(
+            record, attribute, AttributeListEntry::RESIDENT_FIRST_ENTRY + attribute.nameLength());
+        break;
+    case AttributeType::FILE_NAME:
+        processFileName(record, attribute);
+        break;
+    case AttributeType::DATA:
+        if (attribute.nameLength() == 0)
+            record.m_dataSize = attribute.valueLength();
+        break;
+    default:
+        // $INDEX_ROOT adds only index entries; the rest only their summaries.
         break;
     }
 }

@@ -13,14 +13,35 @@
 
 #include <cstdint>
 
+// How much of a record a parse fills in.
+enum class ParseDetail {
+    // Everything: what FileRecord's constructor and processAttributes make.
+    FULL,
+    // Everything but the attribute summaries and the $INDEX_ROOT entries: the
+    // parse of the MFT's own whole-table walks, which read only the name, the
+    // parent, the times, the flags, the sizes, the extension records and the
+    // cluster ranges of a record they never hand out. Whatever it fills in
+    // (and every line it logs) is exactly what the full parse gives.
+    SUMMARY,
+};
+
 // The parser's steps that need the record's members; kept here rather than
 // in the public header.
 struct FileRecordParser {
     // Makes `record` what FileRecord(buffer, reference, volume) would make,
     // reusing the record's storage: a walk over the whole MFT parses every
     // record into one object, and allocates nothing for records that fit it.
+    // With ParseDetail::SUMMARY the parts that detail leaves out stay empty.
     static void reparse(FileRecord& record, orv::Buffer<unsigned char>& buffer,
-                        const FileReference& reference, Volume& volume);
+                        const FileReference& reference, Volume& volume,
+                        ParseDetail detail = ParseDetail::FULL);
+    // processAttributes at the given detail.
+    static void walkAttributes(FileRecord& record, orv::Buffer<unsigned char>& buffer,
+                               ParseDetail detail);
+    // The resident attribute handler for ParseDetail::SUMMARY: the same
+    // effects on the record, without the summary.
+    static void processResidentForSummary(FileRecord& record,
+                                          const ResidentAttributeHeader& attribute);
     static void collectAttributeListEntries(FileRecord& record, const AttributeView& attribute,
                                             std::uint64_t firstEntry);
     static void processFileName(FileRecord& record, const ResidentAttributeHeader& attribute);

@@ -790,7 +790,7 @@ bool MasterFileTable::getMftRecordBufferDirectly(const FileReference& ref,
     return m_volume.readBytesFromSector(m_mftHandle, sector, m_volume.m_bytesPerFileRecord, buffer);
 }
 
-bool MasterFileTable::getMftRecord(const FileReference& ref, FileRecord& record) {
+bool MasterFileTable::getMftRecord(const FileReference& ref, FileRecord& record, bool fullDetail) {
     if (!m_initialized) {
         logText("190 ", "getMftRecordBuffer(): MasterFileTable has not been initialized");
         return false;
@@ -810,8 +810,9 @@ bool MasterFileTable::getMftRecord(const FileReference& ref, FileRecord& record)
     if (m_volume.getVolumeExtents().empty())
         record = FileRecord(view, ref, m_volume);
     else
-        FileRecordParser::reparse(record, view, ref, m_volume);
-    processExternalAttributes(record);
+        FileRecordParser::reparse(record, view, ref, m_volume,
+                                  fullDetail ? ParseDetail::FULL : ParseDetail::SUMMARY);
+    mergeExternalAttributes(record, fullDetail);
     return true;
 }
 
@@ -823,17 +824,26 @@ void MasterFileTable::addToRecordHashTable(const FileRecord& record) {
 }
 
 bool MasterFileTable::getValidMftRecord(const FileReference& ref, FileRecord& record) {
+    return readValidRecord(ref, record, true);
+}
+
+bool MasterFileTable::readValidRecord(const FileReference& ref, FileRecord& record,
+                                      bool fullDetail) {
     if (!m_initialized) {
         logText("310 ", "getValidMftRecord(): MasterFileTable has not been initialized");
         return false;
     }
-    if (!getMftRecord(ref, record) || !record.isValid())
+    if (!getMftRecord(ref, record, fullDetail) || !record.isValid())
         return false;
     addToRecordHashTable(record);
     return true;
 }
 
 void MasterFileTable::processExternalAttributes(FileRecord& record) {
+    mergeExternalAttributes(record, true);
+}
+
+void MasterFileTable::mergeExternalAttributes(FileRecord& record, bool fullDetail) {
     // A record that knows its data size, or names no extension record, has
     // nothing to gain: checked first so that the common case copies nothing.
     if (record.dataSize() != 0 || record.getExternalAttributeReferences().empty())
@@ -845,7 +855,8 @@ void MasterFileTable::processExternalAttributes(FileRecord& record) {
         buffer.resize(m_volume.m_bytesPerFileRecord, false);
         if (getMftRecordBufferDirectly(FileReference(reference & FileReference::INDEX_MASK, 0),
                                        buffer))
-            record.processAttributes(buffer);
+            FileRecordParser::walkAttributes(record, buffer,
+                                             fullDetail ? ParseDetail::FULL : ParseDetail::SUMMARY);
     }
 }
 
@@ -878,7 +889,7 @@ const FileReference MasterFileTable::getLastActiveRecord() {
     // Record 0, the MFT's own, is never examined.
     FileRecord record;
     for (unsigned long long index = count - 1; index >= 1 && index < count; --index) {
-        if (getValidMftRecord(FileReference(index, 0), record) &&
+        if (readValidRecord(FileReference(index, 0), record, false) &&
             !record.getClusterRanges().empty())
             return FileReference(index, 0);
     }
@@ -901,7 +912,7 @@ bool MasterFileTable::buildRecordMap() {
 
     FileRecord record;
     for (unsigned long long index = 0; index < count; ++index)
-        getValidMftRecord(FileReference(index, 0), record);
+        readValidRecord(FileReference(index, 0), record, false);
     return true;
 }
 
@@ -912,7 +923,7 @@ const RecordSummary* MasterFileTable::getParentPath(const FileReference& ref) {
     if (const RecordSummary* entry = m_recordHashTable.lookup(ref.index))
         return entry;
     FileRecord record;
-    if (!getValidMftRecord(ref, record))
+    if (!readValidRecord(ref, record, false))
         return nullptr;
     return m_recordHashTable.lookup(ref.index);
 }
@@ -1107,7 +1118,7 @@ bool MasterFileTable::findRecordCluster(unsigned long long cluster, FileReferenc
 
     FileRecord record;
     while (ref.index <= last.index) {
-        if (getValidMftRecord(ref, record)) {
+        if (readValidRecord(ref, record, false)) {
             for (const ClusterRange& range : record.getClusterRanges())
                 if (range.start <= cluster && cluster - range.start < range.count)
                     return true;

@@ -8,6 +8,8 @@
 #include <libKestrow/FileRecord.h>
 #include <libKestrow/Volume.h>
 
+#include "FileRecordInternals.h"
+
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -325,6 +327,36 @@ TEST_P(FixtureRecords, EverySlotParsesAndRawDiffersOnlyAtFixupPositions) {
     std::printf("%s: %llu slots, %zu in use, %zu differ only by fix-ups\n",
                 imageName(image.facts()).c_str(), (unsigned long long)image.recordCount(), inUse,
                 differing);
+}
+
+// ---- The summary-only parse of the MFT's own walks ------------------------------------
+
+TEST_P(FixtureRecords, SummaryParseOfEverySlotMatchesTheFullParseButForItsLeftOuts) {
+    ImageUnderTest image(factsOf(GetParam()));
+    ASSERT_TRUE(image.volume().initialized());
+    // One record reused for every slot, as the walks do, after a full parse
+    // has filled its summaries and entries.
+    FileRecord reused;
+    std::size_t withSummaries = 0, withEntries = 0;
+    for (std::uint64_t index = 0; index < image.recordCount(); ++index) {
+        Bytes raw = image.record(index);
+        const FileRecord full = image.parse(raw, index);
+        orv::Buffer<unsigned char> buffer(raw.data(), raw.size());
+        FileRecordParser::reparse(reused, buffer, FileReference(index, 0), image.volume(),
+                                  ParseDetail::FULL);
+        FileRecordParser::reparse(reused, buffer, FileReference(index, 0), image.volume(),
+                                  ParseDetail::SUMMARY);
+        Facts expected(full);
+        withSummaries += expected.attributes.empty() ? 0 : 1;
+        withEntries += expected.indexEntries.empty() ? 0 : 1;
+        expected.attributes.clear();
+        expected.indexEntries.clear();
+        EXPECT_TRUE(Facts(reused) == expected) << "record " << index;
+        EXPECT_EQ(reused.getAttributes().capacity(), 8u) << "record " << index;
+    }
+    // The comparison left something out on this image.
+    EXPECT_GT(withSummaries, 16u);
+    EXPECT_GT(withEntries, 0u);
 }
 
 // ---- In-use records against istat ----------------------------------------------------

@@ -168,5 +168,39 @@ TEST_F(RecordReuseTest, TheSameRecordParsedTwiceIsNotDoubled) {
     expectSameRecord(record, parse(richRecord(), 42));
 }
 
+TEST_F(RecordReuseTest, ASummaryParseLeavesOutOnlyTheSummariesAndTheIndexEntries) {
+    FileRecord record;
+    reparse(record, richRecord(), 42);
+    m_reused = richRecord();
+    orv::Buffer<unsigned char> buffer(m_reused.data(), m_reused.size());
+    FileRecordParser::reparse(record, buffer, FileReference(42, 3), *m_volume,
+                              ParseDetail::SUMMARY);
+    const FileRecord fresh = parse(richRecord(), 42);
+    EXPECT_TRUE(record.getAttributes().empty());
+    EXPECT_EQ(record.getAttributes().capacity(), 8u);
+    EXPECT_TRUE(record.getIndexEntries().empty());
+    EXPECT_EQ(utf8(record.name()), "Documents and things");
+    EXPECT_EQ(record.parentMftIndex().sequence, fresh.parentMftIndex().sequence);
+    EXPECT_EQ(record.dataSize(), fresh.dataSize());
+    EXPECT_EQ(record.allocatedSize(), fresh.allocatedSize());
+    EXPECT_EQ(record.realSize(), fresh.realSize());
+    EXPECT_EQ(record.getFileAttributes(), fresh.getFileAttributes());
+    EXPECT_EQ(record.getCreationTime(), fresh.getCreationTime());
+    EXPECT_EQ(toVector(record.getExternalAttributeReferences()),
+              toVector(fresh.getExternalAttributeReferences()));
+    EXPECT_EQ(toVector(record.getClusterRanges()), toVector(fresh.getClusterRanges()));
+    // A resident unnamed $DATA sets the data size in this parse too.
+    const Bytes small = RecordBuilder()
+                            .add(fileNameAttribute(named(u"B.TXT")))
+                            .add(residentAttribute(0x80, Bytes(5, 1)))
+                            .build();
+    m_reused = small;
+    orv::Buffer<unsigned char> smallBuffer(m_reused.data(), m_reused.size());
+    FileRecordParser::reparse(record, smallBuffer, FileReference(43, 0), *m_volume,
+                              ParseDetail::SUMMARY);
+    EXPECT_EQ(record.dataSize(), 5u);
+    EXPECT_EQ(utf8(record.name()), "B.TXT");
+}
+
 } // namespace
 } // namespace kestrow::test

@@ -121,7 +121,12 @@ private:
     bool copyBufferedRecord(unsigned long long index, orv::Buffer<unsigned char>& buffer) const;
 
     bool getMftRecordBufferDirectly(const FileReference& ref, orv::Buffer<unsigned char>& buffer);
-    bool getMftRecord(const FileReference& ref, FileRecord& record);
+    // `fullDetail` false: for the table's own walks, whose records never leave
+    // the table; the attribute summaries and $INDEX_ROOT entries, which those
+    // walks never read, are not parsed. Everything else is as with true.
+    bool getMftRecord(const FileReference& ref, FileRecord& record, bool fullDetail = true);
+    bool readValidRecord(const FileReference& ref, FileRecord& record, bool fullDetail);
+    void mergeExternalAttributes(FileRecord& record, bool fullDetail);
     void addToRecordHashTable(const FileRecord& record);
 
     const RecordSummary* getParentPath(const FileReference& ref);
