@@ -123,14 +123,77 @@ void Output::flush() {
 
 namespace {
 
+// One unit that is not ASCII (or a surrogate pair) at units[i]; returns the
+// index after it.
+inline unsigned int writeNonAscii(char*& p, const orv::Char16* units, unsigned int i,
+                                  unsigned int n) {
+    std::uint32_t c = static_cast<std::uint16_t>(units[i++]);
+    if (c >= 0xD800 && c <= 0xDBFF && i < n) {
+        const std::uint32_t low = static_cast<std::uint16_t>(units[i]);
+        if (low >= 0xDC00 && low <= 0xDFFF) {
+            c = 0x10000 + ((c - 0xD800) << 10) + (low - 0xDC00);
+            ++i;
+        }
+    }
+    if (c >= 0xD800 && c <= 0xDFFF)
+        c = 0xFFFD;
+    if (c < 0x800) {
+        p[0] = static_cast<char>(0xC0 | (c >> 6));
+        p[1] = static_cast<char>(0x80 | (c & 0x3F));
+        p += 2;
+    } else if (c < 0x10000) {
+        p[0] = static_cast<char>(0xE0 | (c >> 12));
+        p[1] = static_cast<char>(0x80 | ((c >> 6) & 0x3F));
+        p[2] = static_cast<char>(0x80 | (c & 0x3F));
+        p += 3;
+    } else {
+        p[0] = static_cast<char>(0xF0 | (c >> 18));
+        p[1] = static_cast<char>(0x80 | ((c >> 12) & 0x3F));
+        p[2] = static_cast<char>(0x80 | ((c >> 6) & 0x3F));
+        p[3] = static_cast<char>(0x80 | (c & 0x3F));
+        p += 4;
+    }
+    return i;
+}
+
 #if defined(KESTROW_OUTPUT_SSE2)
-// How many of the eight units, from the first, are ASCII (8 when all are).
-inline unsigned int asciiPrefix(__m128i eight) {
+// A mask with two bits set for every unit of the eight that is ASCII.
+inline unsigned int asciiMask(__m128i eight) {
     const __m128i high = _mm_and_si128(eight, _mm_set1_epi16(static_cast<short>(0xFF80)));
-    const unsigned int ascii =
-        static_cast<unsigned int>(_mm_movemask_epi8(_mm_cmpeq_epi16(high, _mm_setzero_si128())));
-    // Two mask bits a unit; the first unit that is not ASCII ends the prefix.
-    return static_cast<unsigned int>(std::countr_one(ascii)) / 2;
+    return static_cast<unsigned int>(_mm_movemask_epi8(_mm_cmpeq_epi16(high, _mm_setzero_si128())));
+}
+constexpr unsigned int ALL_ASCII = 0xFFFF;
+
+// Writes the ASCII units from units[i] on, sixteen and then eight at a time,
+// up to the first unit that is not ASCII or the last whole block of eight;
+// returns the index it stopped at.
+inline unsigned int writeAsciiBlocks(char*& p, const orv::Char16* units, unsigned int i,
+                                     unsigned int n) {
+    while (i + 16 <= n) {
+        const __m128i first = _mm_loadu_si128(reinterpret_cast<const __m128i*>(units + i));
+        const __m128i second = _mm_loadu_si128(reinterpret_cast<const __m128i*>(units + i + 8));
+        if (asciiMask(_mm_or_si128(first, second)) != ALL_ASCII)
+            break;
+        _mm_storeu_si128(reinterpret_cast<__m128i*>(p), _mm_packus_epi16(first, second));
+        p += 16;
+        i += 16;
+    }
+    while (i + 8 <= n) {
+        // All eight bytes are stored (there is room for three a unit), but
+        // only the ASCII ones are kept.
+        const __m128i eight = _mm_loadu_si128(reinterpret_cast<const __m128i*>(units + i));
+        _mm_storel_epi64(reinterpret_cast<__m128i*>(p), _mm_packus_epi16(eight, eight));
+        const unsigned int mask = asciiMask(eight);
+        if (mask != ALL_ASCII) {
+            // Two mask bits a unit; the first unit that is not ASCII ends the run.
+            const unsigned int ascii = static_cast<unsigned int>(std::countr_one(mask)) / 2;
+            p += ascii;
+            return i + ascii;
+        }
+        p += 8;
+        i += 8;
+    }
+    return i;
 }
 #else
 constexpr std::uint64_t NON_ASCII_UNITS = 0xFF80FF80FF80FF80ULL;
@@ -142,62 +205,42 @@ std::uint32_t packAscii(std::uint64_t four) {
     return static_cast<std::uint32_t>(four | (four >> 16));
 }
 
+inline unsigned int writeAsciiBlocks(char*& p, const orv::Char16* units, unsigned int i,
+                                     unsigned int n) {
+    while (i + 8 <= n) {
+        std::uint64_t four[2];
+        std::memcpy(four, units + i, sizeof four);
+        if (((four[0] | four[1]) & NON_ASCII_UNITS) != 0)
+            return i;
+        const std::uint32_t bytes[2] = {packAscii(four[0]), packAscii(four[1])};
+        std::memcpy(p, bytes, sizeof bytes);
+        p += 8;
+        i += 8;
+    }
+    return i;
+}
 #endif
+
 } // namespace
 
 char* writeUtf8(char* p, const orv::Char16* units, unsigned int n) {
     unsigned int i = 0;
     while (i < n) {
-        // Names are mostly ASCII: eight units at a time while they are.
-        if (i + 8 <= n) {
-#if defined(KESTROW_OUTPUT_SSE2)
-            // All eight bytes are stored (there is room for three a unit),
-            // but only the ASCII ones are kept.
-            const __m128i eight = _mm_loadu_si128(reinterpret_cast<const __m128i*>(units + i));
-            const unsigned int ascii = asciiPrefix(eight);
-            _mm_storel_epi64(reinterpret_cast<__m128i*>(p), _mm_packus_epi16(eight, eight));
-            p += ascii;
-            i += ascii;
-            if (ascii == 8)
-                continue;
-#else
-            std::uint64_t four[2];
-            std::memcpy(four, units + i, sizeof four);
-            if (((four[0] | four[1]) & NON_ASCII_UNITS) == 0) {
-                const std::uint32_t bytes[2] = {packAscii(four[0]), packAscii(four[1])};
-                std::memcpy(p, bytes, sizeof bytes);
-                p += 8;
-                i += 8;
+        // Names are mostly ASCII: blocks of it at a time while they are.
+        i = writeAsciiBlocks(p, units, i, n);
+        // Then one unit at a time: the tail shorter than a block, and a run of
+        // units that are not ASCII (a Cyrillic or CJK name) up to the next
+        // ASCII one.
+        while (i < n) {
+            const std::uint32_t c = static_cast<std::uint16_t>(units[i]);
+            if (c >= 0x80) {
+                i = writeNonAscii(p, units, i, n);
                 continue;
             }
-#endif
-        }
-        std::uint32_t c = static_cast<std::uint16_t>(units[i++]);
-        if (c < 0x80) {
+            if (i + 8 <= n)
+                break;
             *p++ = static_cast<char>(c);
-            continue;
-        }
-        if (c >= 0xD800 && c <= 0xDBFF && i < n) {
-            const std::uint32_t low = static_cast<std::uint16_t>(units[i]);
-            if (low >= 0xDC00 && low <= 0xDFFF) {
-                c = 0x10000 + ((c - 0xD800) << 10) + (low - 0xDC00);
-                ++i;
-            }
-        }
-        if (c >= 0xD800 && c <= 0xDFFF)
-            c = 0xFFFD;
-        if (c < 0x800) {
-            *p++ = static_cast<char>(0xC0 | (c >> 6));
-            *p++ = static_cast<char>(0x80 | (c & 0x3F));
-        } else if (c < 0x10000) {
-            *p++ = static_cast<char>(0xE0 | (c >> 12));
-            *p++ = static_cast<char>(0x80 | ((c >> 6) & 0x3F));
-            *p++ = static_cast<char>(0x80 | (c & 0x3F));
-        } else {
-            *p++ = static_cast<char>(0xF0 | (c >> 18));
-            *p++ = static_cast<char>(0x80 | ((c >> 12) & 0x3F));
-            *p++ = static_cast<char>(0x80 | ((c >> 6) & 0x3F));
-            *p++ = static_cast<char>(0x80 | (c & 0x3F));
+            ++i;
         }
     }
     return p;
