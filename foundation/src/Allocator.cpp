@@ -25,6 +25,15 @@ namespace {
 thread_local unsigned long long t_heapAllocations = 0;
 
 #if !defined(ORV_POOL_DISABLED)
+// Rare paths kept out of line, so that the common ones inline small.
+#if defined(__GNUC__) || defined(__clang__)
+#define ORV_NOINLINE __attribute__((noinline))
+#elif defined(_MSC_VER)
+#define ORV_NOINLINE __declspec(noinline)
+#else
+#define ORV_NOINLINE
+#endif
+
 struct FreeBlock {
     FreeBlock* next;
 };
@@ -54,7 +63,7 @@ public:
 private:
     static std::size_t classOf(std::size_t size) { return (size + GRANULE - 1) / GRANULE; }
 
-    void refill(std::size_t cls) {
+    ORV_NOINLINE void refill(std::size_t cls) {
         const std::size_t blockSize = cls * GRANULE;
         void* slab = std::malloc(SLAB_SIZE);
         if (slab == nullptr)
@@ -107,7 +116,9 @@ struct PoolGuard {
     }
 };
 
-Pool* threadPool() {
+// The first allocation of a thread (and every one while it exits): kept out
+// of line so that the common case below stays a few instructions.
+ORV_NOINLINE Pool* firstThreadPool() {
     if (t_pool != nullptr || t_exiting)
         return t_pool;
     thread_local PoolGuard guard;
@@ -120,6 +131,11 @@ Pool* threadPool() {
         t_pool = new Pool();
     }
     return t_pool;
+}
+
+inline Pool* threadPool() {
+    Pool* pool = t_pool;
+    return pool != nullptr ? pool : firstThreadPool();
 }
 
 #endif
