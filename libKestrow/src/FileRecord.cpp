@@ -142,11 +142,11 @@ namespace {
 // Empties an array as a new record's would be: a representation with room for
 // 8. One that grew past that (or has none, after a move) gets a fresh one, so
 // that a reused record holds exactly what a new one would.
-template <class T> void resetToNew(orv::Array<T>& array) {
-    if (array.capacity() == orv::Array<T>::INITIAL_CAPACITY)
-        array.clear();
-    else
+template <class T> inline void resetToNew(orv::Array<T>& array) {
+    if (array.capacity() != orv::Array<T>::INITIAL_CAPACITY)
         array.reset();
+    else if (!array.empty())
+        array.clear();
 }
 
 } // namespace

@@ -819,8 +819,16 @@ bool MasterFileTable::getMftRecord(const FileReference& ref, FileRecord& record,
 // First entry wins: a present key is left alone. The summary is made only
 // for a new key, right in its bucket.
 void MasterFileTable::addToRecordHashTable(const FileRecord& record) {
-    m_recordHashTable.insertWith(record.mftIndex().index,
-                                 [&record]() { return RecordSummary(record); });
+    const unsigned long long key = record.mftIndex().index;
+    auto summary = [&record]() { return RecordSummary(record); };
+    // A key above every key the table holds cannot be in it: whole-table walks
+    // go in index order, and each of their keys is added without a lookup.
+    if (m_recordHashTable.size() == 0 || (m_keyBound != 0 && key >= m_keyBound)) {
+        m_recordHashTable.insertAbsent(key, summary);
+        m_keyBound = key + 1; // keys are 48-bit: this never wraps to 0
+        return;
+    }
+    m_recordHashTable.insertWith(key, summary);
 }
 
 bool MasterFileTable::getValidMftRecord(const FileReference& ref, FileRecord& record) {

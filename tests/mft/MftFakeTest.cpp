@@ -14,6 +14,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <memory>
+#include <set>
 #include <string>
 
 #if defined(__linux__)
@@ -668,6 +669,43 @@ TEST(MftCopies, ABuildKeepsTheFirstSummaries) {
     EXPECT_EQ(table.getRecordHashTable().size(), 2u);
     EXPECT_EQ(utf8(table.getRecordHashTable()[10].name), "first");
     EXPECT_EQ(utf8(table.getRecordHashTable()[20].name), "new");
+}
+
+// Keys above every key of the table are added without a lookup; an entry
+// added ahead of a walk, and a copied table, must still keep their first
+// summaries and never hold a key twice.
+TEST(MftCopies, EntriesAddedAheadOfAWalkKeepTheirFirstSummary) {
+    FakeMftDrive drive(oneRunGeometry(625));              // 2500 records
+    drive.fake().setAvailablePhysicalMemory(2 * 1024000); // a 1000-record buffer
+    drive.writeRecord(10, named(u"ten"));
+    drive.writeRecord(2100, named(u"first"));
+    OpenedTable opened(drive);
+    MasterFileTable& table = opened.table();
+    FileRecord record;
+    ASSERT_TRUE(table.getValidMftRecord(FileReference(2100, 0), record));
+    drive.writeRecord(2100, named(u"second"));
+    drive.writeRecord(20, named(u"twenty"));
+    drive.writeRecord(2200, named(u"later"));
+    ASSERT_TRUE(table.buildRecordMap());
+
+    auto keys = [](MasterFileTable& t) {
+        std::multiset<unsigned long long> out;
+        const MasterFileTable::RecordHashTable& hashTable = t.getRecordHashTable();
+        for (auto it = hashTable.begin(); it != hashTable.end(); ++it)
+            out.insert(it.key());
+        return out;
+    };
+    EXPECT_EQ(keys(table), (std::multiset<unsigned long long>{10, 20, 2100, 2200}));
+    EXPECT_EQ(utf8(table.getRecordHashTable()[2100].name), "first");
+
+    MasterFileTable copy(table);
+    drive.writeRecord(10, named(u"changed"));
+    drive.writeRecord(30, named(u"thirty"));
+    drive.writeRecord(2300, named(u"last"));
+    ASSERT_TRUE(copy.buildRecordMap());
+    EXPECT_EQ(keys(copy), (std::multiset<unsigned long long>{10, 20, 30, 2100, 2200, 2300}));
+    EXPECT_EQ(utf8(copy.getRecordHashTable()[10].name), "ten");
+    EXPECT_EQ(utf8(copy.getRecordHashTable()[2200].name), "later");
 }
 
 TEST(MftRecordReaders, RawReadsAtADriveSector) {

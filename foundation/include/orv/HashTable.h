@@ -203,6 +203,13 @@ public:
         return true;
     }
 
+    // Adds the value `make()` returns under a key that the caller knows is not
+    // in the table (say, one above every key it has added), without looking
+    // for it first. Adding a key that is present would shadow it: don't.
+    template <class Make> void insertAbsent(const K& key, Make&& make) {
+        m_rep.link(HF::hash(key), new Bucket(key, make, 0));
+    }
+
     // Every bucket of this table is a Bucket: the chain is walked with the
     // key type's own comparison, without the buckets' virtual match.
     V* lookup(const K& key) {

@@ -148,4 +148,8 @@ private:
     RecordHashTable m_recordHashTable;
     std::unique_ptr<ParentPathCache> m_pathCache;
     std::unique_ptr<DriveView> m_driveView;
+    // Every key in the record hash table is below this; 0 when that is not
+    // known (a copied table). A walk in index order adds keys above it, which
+    // need no lookup first.
+    unsigned long long m_keyBound = 0;
 };
