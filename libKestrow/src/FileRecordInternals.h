@@ -47,6 +47,8 @@ struct FileRecordParser {
     static void processFileName(FileRecord& record, const ResidentAttributeHeader& attribute);
     static void processIndexRoot(FileRecord& record, const ResidentAttributeHeader& attribute);
     static void addIndexEntry(FileRecord& record, unsigned long long index);
+    // The record's name itself, for a caller that takes it over.
+    static orv::String& name(FileRecord& record) { return record.m_name; }
 };
 
 namespace kestrow::filerecord {

@@ -816,19 +816,46 @@ bool MasterFileTable::getMftRecord(const FileReference& ref, FileRecord& record,
     return true;
 }
 
+namespace {
+
 // First entry wins: a present key is left alone. The summary is made only
-// for a new key, right in its bucket.
-void MasterFileTable::addToRecordHashTable(const FileRecord& record) {
-    const unsigned long long key = record.mftIndex().index;
-    auto summary = [&record]() { return RecordSummary(record); };
-    // A key above every key the table holds cannot be in it: whole-table walks
-    // go in index order, and each of their keys is added without a lookup.
-    if (m_recordHashTable.size() == 0 || (m_keyBound != 0 && key >= m_keyBound)) {
-        m_recordHashTable.insertAbsent(key, summary);
-        m_keyBound = key + 1; // keys are 48-bit: this never wraps to 0
+// for a new key, right in its bucket. A key above every key the table holds
+// cannot be in it: whole-table walks go in index order, and each of their keys
+// is added without a lookup.
+template <class Make>
+void addSummary(MasterFileTable::RecordHashTable& table, unsigned long long& keyBound,
+                unsigned long long key, Make&& make) {
+    if (table.size() == 0 || (keyBound != 0 && key >= keyBound)) {
+        table.insertAbsent(key, make);
+        keyBound = key + 1; // keys are 48-bit: this never wraps to 0
         return;
     }
-    m_recordHashTable.insertWith(key, summary);
+    table.insertWith(key, make);
+}
+
+} // namespace
+
+void MasterFileTable::addToRecordHashTable(const FileRecord& record) {
+    addSummary(m_recordHashTable, m_keyBound, record.mftIndex().index,
+               [&record]() { return RecordSummary(record); });
+}
+
+// The record goes no further than the walk that read it: its name moves into
+// the summary instead of being copied (the next parse into the record makes
+// a new one anyway).
+void MasterFileTable::moveToRecordHashTable(FileRecord& record) {
+    addSummary(m_recordHashTable, m_keyBound, record.mftIndex().index, [&record]() {
+        RecordSummary summary;
+        summary.mftIndex = record.mftIndex();
+        summary.parentMftIndex = record.parentMftIndex();
+        summary.name = std::move(FileRecordParser::name(record));
+        summary.fileAttributes = record.getFileAttributes();
+        summary.creationTime = record.getCreationTime();
+        summary.modificationTime = record.getModificationTime();
+        summary.lastReadTime = record.getLastReadTime();
+        summary.dataSize = record.dataSize();
+        return summary;
+    });
 }
 
 bool MasterFileTable::getValidMftRecord(const FileReference& ref, FileRecord& record) {
@@ -843,7 +870,10 @@ bool MasterFileTable::readValidRecord(const FileReference& ref, FileRecord& reco
     }
     if (!getMftRecord(ref, record, fullDetail) || !record.isValid())
         return false;
-    addToRecordHashTable(record);
+    if (fullDetail)
+        addToRecordHashTable(record);
+    else
+        moveToRecordHashTable(record);
     return true;
 }
 

@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 
 #include <set>
+#include <string>
 
 namespace {
 
@@ -89,6 +90,51 @@ TEST(HashTable, IterationVisitsEveryEntryOnceAfterGrowth) {
         EXPECT_NE(table.lookup(i), nullptr);
     Table empty;
     EXPECT_TRUE(empty.begin() == empty.end());
+}
+
+TEST(HashTable, EveryChainCountFindsDenseKeysAcrossTheHashWrap) {
+    // Dense keys share chains in runs; keys whose hash wraps past 2^32 (low
+    // word near 0xFFFFFFFF) and chain counts of 1 and 2 (whose constants
+    // wrap) must still find every key, through growth as well.
+    for (const unsigned int chains : {1u, 2u, 3u, 7u, 32u, 1000u}) {
+        Table table(chains);
+        std::set<unsigned long long> keys;
+        for (unsigned long long i = 0; i < 600; ++i) {
+            keys.insert(i);
+            keys.insert(0xFFFFFF00ull + i); // hashes 0xFFFFFF0D.. and then wrapping to 0..
+            keys.insert((7ull << 32) + i);  // the same hashes as 0.. in another word
+        }
+        for (const unsigned long long key : keys)
+            ASSERT_TRUE(table.insert(key, orv::String::fromUtf8(std::to_string(key))));
+        ASSERT_EQ(table.size(), keys.size());
+        for (const unsigned long long key : keys) {
+            const orv::String* value = table.lookup(key);
+            ASSERT_NE(value, nullptr) << key << " with " << chains << " chains";
+            EXPECT_EQ(value->toUtf8(), std::to_string(key));
+            EXPECT_FALSE(table.insert(key, orv::String("again")));
+        }
+        std::set<unsigned long long> seen;
+        for (auto it = table.begin(); it != table.end(); ++it)
+            EXPECT_TRUE(seen.insert(it.key()).second);
+        EXPECT_EQ(seen, keys);
+    }
+}
+
+TEST(HashTable, InsertAbsentAddsWithoutLookingAndKeepsTheTableWhole) {
+    Table table(4);
+    for (unsigned long long i = 0; i < 100; ++i)
+        table.insertAbsent(i, [i]() { return orv::String::fromUtf8("v" + std::to_string(i)); });
+    EXPECT_EQ(table.size(), 100u);
+    EXPECT_GT(table.chainCount(), 4u); // it grows like insert
+    for (unsigned long long i = 0; i < 100; ++i) {
+        ASSERT_NE(table.lookup(i), nullptr);
+        EXPECT_EQ(table.lookup(i)->toUtf8(), "v" + std::to_string(i));
+    }
+    EXPECT_FALSE(table.insert(50, orv::String("other")));
+    EXPECT_TRUE(table.insert(100, orv::String("v100")));
+    Table copy(table);
+    EXPECT_EQ(copy.size(), 101u);
+    EXPECT_EQ(copy[99].toUtf8(), "v99");
 }
 
 TEST(HashTable, StringKeysCompareExactly) {

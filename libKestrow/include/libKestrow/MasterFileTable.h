@@ -128,6 +128,8 @@ private:
     bool readValidRecord(const FileReference& ref, FileRecord& record, bool fullDetail);
     void mergeExternalAttributes(FileRecord& record, bool fullDetail);
     void addToRecordHashTable(const FileRecord& record);
+    // The same for a record of the table's own walks, whose name it takes.
+    void moveToRecordHashTable(FileRecord& record);
 
     const RecordSummary* getParentPath(const FileReference& ref);
 
