@@ -6,6 +6,7 @@
 #include "FileRecordInternals.h"
 
 #include <bit>
+#include <cstdint>
 #include <cstring>
 #include <utility>
 
@@ -22,7 +23,7 @@ orv::LogArea& logArea() {
 }
 
 bool isShortName(const orv::Char16* units, unsigned int count) noexcept {
-    constexpr unsigned int MAX_NAME = 12;
+    constexpr unsigned int MAX_NAME = MAX_SHORT_NAME;
     constexpr unsigned int MAX_BASE = 8;
     constexpr unsigned int MAX_EXTENSION = 3;
     if (count > MAX_NAME)
@@ -182,6 +183,27 @@ FileRecord::~FileRecord() = default;
 
 // ---- The attribute walk ----------------------------------------------------------
 
+// Inline: it runs for almost every attribute of a whole-table walk.
+inline void FileRecordParser::processResidentForSummary(FileRecord& record,
+                                                        const ResidentAttributeHeader& attribute) {
+    switch (attribute.typeCode()) {
+    case AttributeType::ATTRIBUTE_LIST:
+        collectAttributeListEntries(
+            record, attribute, AttributeListEntry::RESIDENT_FIRST_ENTRY + attribute.nameLength());
+        break;
+    case AttributeType::FILE_NAME:
+        processFileName(record, attribute);
+        break;
+    case AttributeType::DATA:
+        if (attribute.nameLength() == 0)
+            record.m_dataSize = attribute.valueLength();
+        break;
+    default:
+        // $INDEX_ROOT adds only index entries; the rest only their summaries.
+        break;
+    }
+}
+
 void FileRecord::processAttributes(orv::Buffer<unsigned char>& buffer) {
     FileRecordParser::walkAttributes(*this, buffer, ParseDetail::FULL);
 }
@@ -285,26 +307,6 @@ void FileRecord::processResidentAttribute(const ResidentAttributeHeader* attribu
     }
 }
 
-void FileRecordParser::processResidentForSummary(FileRecord& record,
-                                                 const ResidentAttributeHeader& attribute) {
-    switch (attribute.typeCode()) {
-    case AttributeType::ATTRIBUTE_LIST:
-        collectAttributeListEntries(
-            record, attribute, AttributeListEntry::RESIDENT_FIRST_ENTRY + attribute.nameLength());
-        break;
-    case AttributeType::FILE_NAME:
-        processFileName(record, attribute);
-        break;
-    case AttributeType::DATA:
-        if (attribute.nameLength() == 0)
-            record.m_dataSize = attribute.valueLength();
-        break;
-    default:
-        // $INDEX_ROOT adds only index entries; the rest only their summaries.
-        break;
-    }
-}
-
 void FileRecordParser::collectAttributeListEntries(FileRecord& record,
                                                    const AttributeView& attribute,
                                                    std::uint64_t firstEntry) {
@@ -327,6 +329,19 @@ void FileRecordParser::collectAttributeListEntries(FileRecord& record,
     }
 }
 
+namespace {
+
+// The name's units read one by one, for hosts and addresses where they cannot
+// be taken as they lie.
+void copyNameUnits(const ResidentAttributeHeader& attribute, orv::Char16* units,
+                   unsigned int length) {
+    for (unsigned int i = 0; i < length; ++i)
+        units[i] =
+            static_cast<orv::Char16>(attribute.u16(kestrow::ntfs::FileNameAttribute::NAME + 2 * i));
+}
+
+} // namespace
+
 void FileRecordParser::processFileName(FileRecord& record,
                                        const ResidentAttributeHeader& attribute) {
     using namespace kestrow::ntfs::FileNameAttribute;
@@ -345,15 +360,28 @@ void FileRecordParser::processFileName(FileRecord& record,
     if (!record.m_name.empty() && record.m_longNameFound)
         return;
 
-    orv::Char16 units[255];
-    if constexpr (std::endian::native == std::endian::little && sizeof(orv::Char16) == 2) {
-        // The name's units lie in the record as they are in memory here.
-        std::memcpy(units, attribute.record().data() + attribute.offset() + NAME, 2 * length);
-    } else {
-        for (unsigned int i = 0; i < length; ++i)
-            units[i] = static_cast<orv::Char16>(attribute.u16(NAME + 2 * i));
+    // The name's units lie in the record as they are in memory here: the
+    // string copies them straight from the record, and only the few units of
+    // a name short enough to be an 8.3 name are looked at on their own. A
+    // name at an odd address (a damaged attribute offset) or a big-endian
+    // host gets a copy first.
+    constexpr bool UNITS_AS_IN_MEMORY =
+        std::endian::native == std::endian::little && sizeof(orv::Char16) == 2;
+    const unsigned char* bytes = attribute.record().data() + attribute.offset() + NAME;
+    orv::Char16 copied[255];
+    const orv::Char16* units = copied;
+    if (UNITS_AS_IN_MEMORY && reinterpret_cast<std::uintptr_t>(bytes) % alignof(orv::Char16) == 0)
+        units = reinterpret_cast<const orv::Char16*>(bytes);
+    else
+        copyNameUnits(attribute, copied, length);
+    bool shortName = false;
+    if (length <= kestrow::filerecord::MAX_SHORT_NAME) {
+        orv::Char16 candidate[kestrow::filerecord::MAX_SHORT_NAME];
+        std::memcpy(candidate, bytes, 2 * length);
+        if (!UNITS_AS_IN_MEMORY)
+            copyNameUnits(attribute, candidate, length);
+        shortName = kestrow::filerecord::isShortName(candidate, length);
     }
-    const bool shortName = kestrow::filerecord::isShortName(units, length);
     if (!(record.m_name.empty() && shortName))
         record.m_longNameFound = true;
 

@@ -66,6 +66,8 @@ inline orv::Logger* diagnosticsLogger() {
 // of at most 8 units, a second of at most 3; and no unit that upper-casing
 // would change.
 bool isShortName(const orv::Char16* units, unsigned int count) noexcept;
+// The most units a short name has.
+constexpr unsigned int MAX_SHORT_NAME = 12;
 
 // A copy of the run list of a non-resident attribute: the bytes from its
 // run-list offset to its end; empty (with a log line) when the attribute is

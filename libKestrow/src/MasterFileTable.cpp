@@ -807,12 +807,16 @@ bool MasterFileTable::getMftRecord(const FileReference& ref, FileRecord& record,
     // record a fresh parse would assign. On a volume without a disk extent a
     // non-resident attribute raises the array's assertion mid-parse; there the
     // record is parsed aside first, so that it stays untouched if that happens.
-    if (m_volume.getVolumeExtents().empty())
+    // (The volume's extents, once known, stay: only while they are unknown is
+    // the volume asked again.)
+    if (m_volume.m_volumeExtents.empty() && m_volume.getVolumeExtents().empty())
         record = FileRecord(view, ref, m_volume);
     else
         FileRecordParser::reparse(record, view, ref, m_volume,
                                   fullDetail ? ParseDetail::FULL : ParseDetail::SUMMARY);
-    mergeExternalAttributes(record, fullDetail);
+    // Most records know their data size or name no extension record.
+    if (record.dataSize() == 0 && !record.getExternalAttributeReferences().empty())
+        mergeExternalAttributes(record, fullDetail);
     return true;
 }
 
