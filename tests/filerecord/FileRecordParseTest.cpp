@@ -159,6 +159,35 @@ TEST_F(FileNameTest, TheNameRule) {
     }
 }
 
+// Names are read where they lie in the record; at an odd address (a damaged
+// first-attribute offset) they must read the same.
+TEST_F(FileNameTest, NamesAtAnOddAddressReadTheSame) {
+    const std::vector<std::vector<std::u16string>> cases = {
+        {u"DOCUME~1", u"Documents"},
+        {u"README.TXT", u"OTHER.TXT"},
+        {u"a name longer than the eight-three form.txt"},
+        {u"\u65E5\u672C.TXT", u"LATER"},
+    };
+    for (const auto& names : cases) {
+        RecordBuilder builder;
+        for (const std::u16string& name : names)
+            builder.add(fileNameAttribute(named(name)));
+        const Bytes even = builder.build();
+        Bytes odd = even;
+        odd.insert(odd.begin() + RecordBuilder::FIRST_ATTRIBUTE, 0x00);
+        odd.resize(even.size());
+        putLe(odd, 0x14, RecordBuilder::FIRST_ATTRIBUTE + 1, 2);
+        const std::uint32_t bytesInUse =
+            even[0x18] | (even[0x19] << 8) | (even[0x1A] << 16) | (std::uint32_t(even[0x1B]) << 24);
+        putLe(odd, 0x18, bytesInUse + 1, 4);
+        const FileRecord fromEven = parse(even);
+        const FileRecord fromOdd = parse(odd);
+        ASSERT_FALSE(fromOdd.name().empty()) << utf16ToUtf8(names[0]);
+        EXPECT_EQ(utf8(fromOdd.name()), utf8(fromEven.name())) << utf16ToUtf8(names[0]);
+        EXPECT_EQ(attributeNames(fromOdd), attributeNames(fromEven));
+    }
+}
+
 TEST_F(FileNameTest, FirstLongNameKeptButParentFromTheLast) {
     FileNameValue first = named(u"first name.txt", reference(100, 7));
     first.creation = 111;
