@@ -128,6 +128,13 @@ namespace {
 inline unsigned int writeNonAscii(char*& p, const orv::Char16* units, unsigned int i,
                                   unsigned int n) {
     std::uint32_t c = static_cast<std::uint16_t>(units[i++]);
+    // Latin, Greek, Cyrillic and the like: two bytes, and nothing else to check.
+    if (c < 0x800) {
+        p[0] = static_cast<char>(0xC0 | (c >> 6));
+        p[1] = static_cast<char>(0x80 | (c & 0x3F));
+        p += 2;
+        return i;
+    }
     if (c >= 0xD800 && c <= 0xDBFF && i < n) {
         const std::uint32_t low = static_cast<std::uint16_t>(units[i]);
         if (low >= 0xDC00 && low <= 0xDFFF) {
@@ -137,11 +144,7 @@ inline unsigned int writeNonAscii(char*& p, const orv::Char16* units, unsigned i
     }
     if (c >= 0xD800 && c <= 0xDFFF)
         c = 0xFFFD;
-    if (c < 0x800) {
-        p[0] = static_cast<char>(0xC0 | (c >> 6));
-        p[1] = static_cast<char>(0x80 | (c & 0x3F));
-        p += 2;
-    } else if (c < 0x10000) {
+    if (c < 0x10000) {
         p[0] = static_cast<char>(0xE0 | (c >> 12));
         p[1] = static_cast<char>(0x80 | ((c >> 6) & 0x3F));
         p[2] = static_cast<char>(0x80 | (c & 0x3F));
