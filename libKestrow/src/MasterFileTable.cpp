@@ -1011,12 +1011,18 @@ struct PathAbove {
     bool valid = false;
     unsigned long long parentIndex = 0;
     std::vector<unsigned long long> passed;
+    unsigned long long lowestPassed = ~0ULL;
+    unsigned long long highestPassed = 0;
     std::vector<orv::Char16> units; // the path above the parent, then the leaf
     std::size_t prefixLength = 0;
 
     bool holdsFor(unsigned long long parent, unsigned long long leaf) const {
         if (!valid || parent != parentIndex)
             return false;
+        // Directories are mostly older than what they hold: a leaf outside
+        // the range of the records passed is none of them.
+        if (leaf < lowestPassed || leaf > highestPassed)
+            return true;
         for (const unsigned long long index : passed)
             if (index == leaf)
                 return false;
@@ -1040,8 +1046,14 @@ struct PathAbove {
         if (length > MAX_REMEMBERED_UNITS)
             return;
         passed.clear();
-        for (std::uint32_t i = 0; i < walk.depth(); ++i)
-            passed.push_back(walk.passedIndex(i));
+        lowestPassed = ~0ULL;
+        highestPassed = 0;
+        for (std::uint32_t i = 0; i < walk.depth(); ++i) {
+            const unsigned long long index = walk.passedIndex(i);
+            passed.push_back(index);
+            lowestPassed = index < lowestPassed ? index : lowestPassed;
+            highestPassed = index > highestPassed ? index : highestPassed;
+        }
         if (units.size() < length)
             units.resize(length);
         walk.writePrefix(units.data(), volumePath);
