@@ -13,6 +13,7 @@
 #include <algorithm>
 #include <cstdio>
 #include <cstdlib>
+#include <map>
 #include <memory>
 #include <set>
 #include <string>
@@ -837,6 +838,60 @@ TEST(MftPaths, PathsDoNotDependOnTheOrderTheyAreAskedIn) {
     // Backwards too.
     for (auto it = expected.rbegin(); it != expected.rend(); ++it)
         EXPECT_EQ(fullPath(table, it->first), it->second) << "record " << it->first;
+}
+
+// Paths are remembered per parent, in slots that parents share. Whatever was
+// asked before, every path must be what a table that was asked nothing else
+// gives: in a plain tree, for parents that share a slot, and around a loop
+// whose members' children remember paths that pass the other members.
+TEST(MftPaths, RememberedPathsGiveTheFreshWalksPath) {
+    FakeMftDrive drive(oneRunGeometry(64)); // 256 slots
+    auto write = [&](std::uint64_t index, std::u16string name, std::uint64_t parent) {
+        RecordSpec spec;
+        spec.name = std::move(name);
+        spec.parent = parent;
+        spec.directory = true;
+        drive.writeRecord(index, spec);
+    };
+    write(5, u".", 5);
+    write(30, u"A", 5);
+    write(31, u"B", 30);
+    write(32, u"f1", 31);
+    write(33, u"C", 31);
+    write(34, u"f2", 33);
+    write(95, u"G", 31); // 95 and 31 share a slot
+    write(96, u"f3", 95);
+    write(97, u"f4", 95);
+    write(90, u"a", 91); // 90 -> 91 -> 92 -> 90, a loop
+    write(91, u"b", 92);
+    write(92, u"c", 90);
+    write(93, u"d", 90);  // remembers 90: c\b\a\, passing 90, 91, 92
+    write(94, u"e", 91);  // remembers 91: a\c\b\, passing 91, 92, 90
+    write(98, u"f5", 92); // meets 90 and 91 after passing 92
+    write(99, u"f6", 93);
+    const std::vector<std::uint64_t> indices = {5,  30, 31, 32, 33, 34, 95, 96,
+                                                97, 90, 91, 92, 93, 94, 98, 99};
+
+    std::map<std::uint64_t, std::string> fresh;
+    for (const std::uint64_t index : indices) {
+        OpenedTable opened(drive);
+        ASSERT_TRUE(opened.table().buildRecordMap());
+        fresh[index] = fullPath(opened.table(), index);
+    }
+    EXPECT_EQ(fresh[34], "\\\\.\\C:\\A\\B\\C\\f2");
+    EXPECT_EQ(fresh[96], "\\\\.\\C:\\A\\B\\G\\f3");
+    EXPECT_EQ(fresh[98], "b\\a\\c\\f5");
+    EXPECT_EQ(fresh[99], "c\\b\\a\\d\\f6");
+
+    OpenedTable opened(drive);
+    MasterFileTable& table = opened.table();
+    ASSERT_TRUE(table.buildRecordMap());
+    for (int round = 0; round < 3; ++round) {
+        for (const std::uint64_t index : indices)
+            EXPECT_EQ(fullPath(table, index), fresh[index]) << "record " << index;
+        for (auto it = indices.rbegin(); it != indices.rend(); ++it)
+            EXPECT_EQ(fullPath(table, *it), fresh[*it]) << "record " << *it;
+    }
 }
 
 TEST(MftPaths, DeepChainsAndDeepLoops) {
