@@ -123,12 +123,13 @@ TEST(HashTable, EveryChainCountFindsDenseKeysAcrossTheHashWrap) {
 TEST(HashTable, InsertAbsentAddsWithoutLookingAndKeepsTheTableWhole) {
     Table table(4);
     for (unsigned long long i = 0; i < 100; ++i)
-        table.insertAbsent(i, [i]() { return orv::String::fromUtf8("v" + std::to_string(i)); });
+        table.insertAbsent(
+            i, [i]() { return orv::String::fromUtf8(std::string("v").append(std::to_string(i))); });
     EXPECT_EQ(table.size(), 100u);
     EXPECT_GT(table.chainCount(), 4u); // it grows like insert
     for (unsigned long long i = 0; i < 100; ++i) {
         ASSERT_NE(table.lookup(i), nullptr);
-        EXPECT_EQ(table.lookup(i)->toUtf8(), "v" + std::to_string(i));
+        EXPECT_EQ(table.lookup(i)->toUtf8(), std::string("v").append(std::to_string(i)));
     }
     EXPECT_FALSE(table.insert(50, orv::String("other")));
     EXPECT_TRUE(table.insert(100, orv::String("v100")));

@@ -901,7 +901,7 @@ TEST(MftPaths, DeepChainsAndDeepLoops) {
     root.parent = 5;
     root.directory = true;
     drive.writeRecord(5, root);
-    auto name = [](std::uint64_t index) { return "d" + std::to_string(index); };
+    auto name = [](std::uint64_t index) { return std::string("d").append(std::to_string(index)); };
     // 20 <- 21 <- ... <- 119 under the root; 130 <- ... <- 229 <- 130 a loop.
     for (std::uint64_t index = 20; index < 230; ++index) {
         if (index >= 120 && index < 130)

@@ -816,7 +816,7 @@ std::vector<std::string> listDirectory(const std::filesystem::path& volume,
     std::vector<std::string> argv = {"ntfsls", "-a"};
     if (shortNames)
         argv.push_back("-x");
-    argv.insert(argv.end(), {"-p", "/" + std::string(directory), volume.string()});
+    argv.insert(argv.end(), {"-p", std::string("/").append(directory), volume.string()});
     const auto listing = runToolChecked(argv);
     std::vector<std::string> names;
     for (auto line : splitLines(listing))
