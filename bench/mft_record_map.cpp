@@ -109,6 +109,25 @@ struct MftChunks {
     }
 };
 
+// The table opened on the bench volume and the chunks its buffered reader
+// loads; null, with the benchmark skipped, when the image is not available.
+struct FloorSetup {
+    std::unique_ptr<MasterFileTable> table;
+    MftChunks chunks;
+};
+
+std::unique_ptr<FloorSetup> openForFloor(benchmark::State& state) {
+    Volume* volume = openedVolume();
+    if (volume == nullptr) {
+        state.SkipWithError("bench image not available");
+        return nullptr;
+    }
+    unsigned long long bufferBytes = 0;
+    auto table = openTableWatchingBufferSize(*volume, bufferBytes);
+    MftChunks chunks(*table, *volume, bufferBytes);
+    return std::make_unique<FloorSetup>(FloorSetup{std::move(table), std::move(chunks)});
+}
+
 void reportMftBytes(benchmark::State& state, unsigned long long bytes, const MftChunks& chunks) {
     state.SetBytesProcessed(static_cast<long long>(state.iterations() * bytes));
     state.SetItemsProcessed(
@@ -124,15 +143,11 @@ void reportMftBytes(benchmark::State& state, unsigned long long bytes, const Mft
 // as the table reads them.
 void BM_ReadMftBytes(benchmark::State& state) {
     namespace platform = kestrow::platform;
-    Volume* volume = openedVolume();
-    if (volume == nullptr) {
-        state.SkipWithError("bench image not available");
+    const auto setup = openForFloor(state);
+    if (!setup)
         return;
-    }
-    unsigned long long bufferBytes = 0;
-    const auto opened = openTableWatchingBufferSize(*volume, bufferBytes);
-    MasterFileTable& table = *opened;
-    const MftChunks chunks(table, *volume, bufferBytes);
+    MasterFileTable& table = *setup->table;
+    const MftChunks& chunks = setup->chunks;
     if (chunks.runs.empty() || chunks.recordBytes == 0) {
         state.SkipWithError("no MFT runs");
         return;
@@ -206,15 +221,11 @@ BENCHMARK(BM_ReadMftBytes)->Unit(benchmark::kMillisecond)->UseRealTime();
 // The former floor: the same chunks read into one buffer with ReadFile,
 // nothing parsed or copied out.
 void BM_ReadMftBytesIntoBuffer(benchmark::State& state) {
-    Volume* volume = openedVolume();
-    if (volume == nullptr) {
-        state.SkipWithError("bench image not available");
+    const auto setup = openForFloor(state);
+    if (!setup)
         return;
-    }
-    unsigned long long bufferBytes = 0;
-    const auto opened = openTableWatchingBufferSize(*volume, bufferBytes);
-    MasterFileTable& table = *opened;
-    const MftChunks chunks(table, *volume, bufferBytes);
+    MasterFileTable& table = *setup->table;
+    const MftChunks& chunks = setup->chunks;
     orv::Buffer<unsigned char> buffer;
     buffer.resize(chunks.chunkBytes, false);
     unsigned long long bytes = 0;
