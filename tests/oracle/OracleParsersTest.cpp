@@ -4,6 +4,8 @@
 
 #include <gtest/gtest.h>
 
+#include <set>
+
 namespace kestrow::test::oracle {
 namespace {
 
@@ -284,6 +286,19 @@ TEST(BlklsParser, ReadsTheClusterList) {
     EXPECT_EQ(clusters, (std::vector<std::uint64_t>{0, 1, 4097}));
     EXPECT_THROW(parseBlklsList("Cannot determine file system type\n"), OracleError);
     EXPECT_THROW(parseBlklsList("addr|alloc\nx|a\n"), OracleError);
+}
+
+TEST(NtfsclusterParser, SeparatesFilesFromExtensionRecords) {
+    const auto users = parseNtfscluster("Searching for cluster range 0-9223372036854775807\n"
+                                        "Inode 0 /$MFT/$DATA\n"
+                                        "Inode 70 /Indexed/$INDEX_ALLOCATION($I30)\n"
+                                        "Inode 1846 /a b/c.txt/$DATA\n"
+                                        "* 3 inodes found\n"
+                                        "Inode 75 is an extent of inode 70.\n");
+    EXPECT_EQ(users.files, (std::set<std::uint64_t>{0, 70, 1846}));
+    EXPECT_EQ(users.extensions, (std::set<std::uint64_t>{75}));
+    EXPECT_THROW(parseNtfscluster("Inode 12 was not found\n"), OracleError);
+    EXPECT_THROW(parseNtfscluster("Inode x /$MFT/$DATA\n"), OracleError);
 }
 
 TEST(RunTool, QuotesArgumentsAndReportsFailures) {

@@ -825,4 +825,39 @@ std::vector<std::string> listDirectory(const std::filesystem::path& volume,
     return names;
 }
 
+ClusterUsers parseNtfscluster(std::string_view text) {
+    ClusterUsers users;
+    for (auto line : splitLines(text)) {
+        line = trim(line);
+        if (!line.starts_with("Inode "))
+            continue;
+        const auto words = splitWords(line);
+        if (words.size() < 3)
+            parseFailure("ntfscluster line", line);
+        const auto inode = number<std::uint64_t>(words[1], "ntfscluster inode");
+        if (words[2].starts_with("/"))
+            users.files.insert(inode);
+        else if (line.find(" is an extent of inode ") != std::string_view::npos)
+            users.extensions.insert(inode);
+        else
+            parseFailure("ntfscluster line", line);
+    }
+    return users;
+}
+
+ClusterUsers clusterUsers(const std::filesystem::path& image, std::uint64_t volumeOffset,
+                          std::uint64_t volumeSize) {
+    std::optional<ScratchImage> extracted;
+    if (volumeOffset != 0 || volumeSize != 0)
+        extracted.emplace(image, volumeOffset, volumeSize);
+    // Its range parser takes signed 64-bit numbers.
+    const ToolOutput output = runTool({"ntfscluster", "-c", "0-9223372036854775807",
+                                       (extracted ? extracted->path() : image).string()});
+    if (output.exitCode != 0)
+        throw OracleError("ntfscluster exited with " + std::to_string(output.exitCode) + ": " +
+                          output.err);
+    // The extension records are reported on stderr.
+    return parseNtfscluster(output.out + "\n" + output.err);
+}
+
 } // namespace kestrow::test::oracle

@@ -15,6 +15,7 @@
 #include <filesystem>
 #include <map>
 #include <optional>
+#include <set>
 #include <stdexcept>
 #include <string>
 #include <string_view>
@@ -287,5 +288,18 @@ NtfsinfoRecord parseNtfsinfoRecord(std::string_view text);
 // prints it); `shortNames` asks for the DOS names where a file has one.
 std::vector<std::string> listDirectory(const std::filesystem::path& volume,
                                        std::string_view directory, bool shortNames = false);
+
+// ntfscluster -c over every cluster: the files whose attributes own
+// clusters, in one pass. It reads a file's attributes through its attribute
+// list, so runs held in an extension record count for the base record; the
+// extension records it meets are listed apart. A volume inside a disk image
+// is read from a temporary copy, as for volumeInconsistencies.
+struct ClusterUsers {
+    std::set<std::uint64_t> files;      // "Inode N /path/attribute"
+    std::set<std::uint64_t> extensions; // "Inode N is an extent of inode M."
+};
+ClusterUsers clusterUsers(const std::filesystem::path& image, std::uint64_t volumeOffset = 0,
+                          std::uint64_t volumeSize = 0);
+ClusterUsers parseNtfscluster(std::string_view text);
 
 } // namespace kestrow::test::oracle
