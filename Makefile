@@ -20,8 +20,12 @@ configure: deps
 build: configure
 	cmake --build $(BUILD) -j $(JOBS)
 
+# Ends with the list of skipped tests and their reasons; fails when a test
+# failed, or skipped for a reason other than a missing capability of the
+# machine (scripts/skipped-tests.sh).
 test: build
-	ctest --test-dir $(BUILD) --output-on-failure -j $(JOBS)
+	status=0; ctest --test-dir $(BUILD) --output-on-failure -j $(JOBS) || status=$$?; \
+	scripts/skipped-tests.sh $(BUILD) || status=1; exit $$status
 
 demo: build
 	@scripts/demo.sh $(BUILD)

@@ -51,6 +51,7 @@ trap '"$wineserver" -k 2>/dev/null || true' EXIT
 # program prints anything; about one start in a thousand here). A test that
 # really fails fails twice.
 ctest --test-dir "$build" --output-on-failure -j "$jobs" --repeat until-pass:2
+scripts/skipped-tests.sh "$build"
 
 echo "== The images are unchanged"
 (cd "$fixtures" && sha256sum --check --strict --quiet manifest.sha256)

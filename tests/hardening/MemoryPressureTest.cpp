@@ -126,7 +126,8 @@ fs::path RecordBufferUnderMemoryLimit::image;
 
 TEST_F(RecordBufferUnderMemoryLimit, HalvesTheBufferAndGivesTheSameAnswers) {
     if (underAddressSanitizer())
-        GTEST_SKIP() << "an address-space limit cannot be set under AddressSanitizer";
+        GTEST_SKIP() << "needs: a build without AddressSanitizer, which runs under no "
+                        "address-space limit";
 
     const ChildRun freeInfo = kestrow({"info", "C:", "-v"}, 0);
     ASSERT_EQ(freeInfo.exitCode, 0) << freeInfo.err;

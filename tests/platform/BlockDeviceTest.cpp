@@ -54,7 +54,7 @@ protected:
 TEST_F(BlockDevice, FourKilobyteSectorsComeFromTheDevice) {
     LoopDevice loop(kestrow::test::sector4kVolume(), 4096);
     if (loop.device().empty())
-        GTEST_SKIP() << "no loop device (needs root and /dev/loop-control)";
+        GTEST_SKIP() << "needs: a loop device (root and /dev/loop-control)";
     std::string error;
     ASSERT_TRUE(platform::attachDisks({loop.device()}, error)) << error;
     const auto disks = platform::attachedDisks();
@@ -82,7 +82,7 @@ TEST_F(BlockDevice, FourKilobyteSectorsComeFromTheDevice) {
 TEST_F(BlockDevice, PartitionedDiskOnADeviceFindsItsVolumes) {
     LoopDevice loop(kestrow::test::mbrDisk(), 512);
     if (loop.device().empty())
-        GTEST_SKIP() << "no loop device (needs root and /dev/loop-control)";
+        GTEST_SKIP() << "needs: a loop device (root and /dev/loop-control)";
     std::string error;
     ASSERT_TRUE(platform::attachDisks({loop.device()}, error)) << error;
     const auto volumes = platform::attachedVolumes();
@@ -98,7 +98,7 @@ TEST_F(BlockDevice, PartitionedDiskOnADeviceFindsItsVolumes) {
 TEST_F(BlockDevice, DevicesAreReadNotMapped) {
     LoopDevice loop(kestrow::test::mbrDisk(), 512);
     if (loop.device().empty())
-        GTEST_SKIP() << "no loop device (needs root and /dev/loop-control)";
+        GTEST_SKIP() << "needs: a loop device (root and /dev/loop-control)";
     std::string error;
     ASSERT_TRUE(platform::attachDisks({loop.device()}, error)) << error;
     for (const char* device : {"\\\\.\\PhysicalDrive0", "\\\\.\\C:"}) {

@@ -112,7 +112,7 @@ TEST_F(Win32Path, GetVolumeInformationWDescribesTheSystemDrive) {
 TEST_F(Win32Path, GetVolumeInformationWFailsForADriveThatDoesNotExist) {
     const std::wstring root = unusedDriveRoot();
     if (root.empty())
-        GTEST_SKIP() << "every drive letter from D: to Z: is in use";
+        GTEST_SKIP() << "needs: a free drive letter from D: to Z:";
     wchar_t fileSystem[MAX_PATH + 1] = {L'x'};
     platform::SetLastError(ERROR_SUCCESS);
     EXPECT_FALSE(platform::GetVolumeInformationW(root.c_str(), nullptr, 0, nullptr, nullptr,
