@@ -12,6 +12,7 @@
 #include <optional>
 #include <regex>
 #include <set>
+#include <stdexcept>
 #include <string>
 #include <vector>
 
@@ -524,16 +525,59 @@ TEST(ToolFailures, DisksThatCannotBeAttached) {
     EXPECT_NE(none.err.find("no disks are attached"), std::string::npos) << none.err;
 }
 
+// A fresh directory under /tmp that every user can enter, removed with all
+// it holds.
+class SharedTemporaryDirectory {
+public:
+    SharedTemporaryDirectory() {
+        char pattern[] = "/tmp/kestrow-shared-XXXXXX";
+        if (::mkdtemp(pattern) == nullptr)
+            throw std::runtime_error("mkdtemp failed");
+        m_path = pattern;
+        fs::permissions(m_path, fs::perms::owner_all | fs::perms::group_read |
+                                    fs::perms::group_exec | fs::perms::others_read |
+                                    fs::perms::others_exec);
+    }
+    ~SharedTemporaryDirectory() {
+        std::error_code ignored;
+        fs::remove_all(m_path, ignored);
+    }
+    SharedTemporaryDirectory(const SharedTemporaryDirectory&) = delete;
+    SharedTemporaryDirectory& operator=(const SharedTemporaryDirectory&) = delete;
+
+    const fs::path& path() const { return m_path; }
+
+private:
+    fs::path m_path;
+};
+
 TEST(ToolFailures, AnUnreadableDiskSaysPermissionDenied) {
-    const fs::path unreadable = fs::temp_directory_path() / "kestrow-tool-unreadable.img";
-    fs::copy_file(kestrow::test::bareVolume(), unreadable, fs::copy_options::overwrite_existing);
+    const SharedTemporaryDirectory directory;
+    const fs::path unreadable = directory.path() / "unreadable.img";
+    fs::copy_file(kestrow::test::bareVolume(), unreadable);
     fs::permissions(unreadable, fs::perms::none);
-    std::vector<std::string> argv = {KESTROW_TOOL_PATH, "--disk", unreadable.string(), "volumes"};
-    // Root reads everything: run as nobody then.
-    if (geteuid() == 0)
-        argv.insert(argv.begin(), {"setpriv", "--reuid=65534", "--regid=65534", "--clear-groups"});
+    std::vector<std::string> argv = {KESTROW_TOOL_PATH};
+    if (geteuid() == 0) {
+        // Root reads everything: run as nobody then, from a copy of the
+        // program and its library beside the image, as nobody may not enter
+        // the build tree (a clone under /root or a private directory).
+        const std::vector<std::string> asNobody = {"setpriv", "--reuid=65534", "--regid=65534",
+                                                   "--clear-groups"};
+        const fs::path tool = directory.path() / "kestrow";
+        const fs::path library = KESTROW_LIBRARY_PATH;
+        fs::copy_file(KESTROW_TOOL_PATH, tool);
+        fs::copy_file(library, directory.path() / library.filename());
+        std::vector<std::string> canRun = asNobody;
+        canRun.insert(canRun.end(), {"test", "-x", tool.string()});
+        if (oracle::runTool(canRun).exitCode != 0)
+            GTEST_SKIP() << "needs: setpriv, and a directory under /tmp that user nobody (65534) "
+                            "can enter";
+        argv = asNobody;
+        argv.insert(argv.end(),
+                    {"env", "LD_LIBRARY_PATH=" + directory.path().string(), tool.string()});
+    }
+    argv.insert(argv.end(), {"--disk", unreadable.string(), "volumes"});
     const auto result = oracle::runTool(argv);
-    fs::remove(unreadable);
     EXPECT_EQ(result.exitCode, 1) << result.err;
     EXPECT_NE(result.err.find("Permission denied (reading a block device usually needs root)"),
               std::string::npos)
