@@ -5,6 +5,7 @@
 #include "Backends.h"
 #include "DevicePath.h"
 #include "DiskSet.h"
+#include "ExtractedMft.h"
 #include "Fat.h"
 
 #include <kestrow/ControlReplies.h>
@@ -194,7 +195,7 @@ DWORD DiskImageApi::resolveFile(const DevicePath& path,
     if (volume->boot.kind == FileSystemKind::Ntfs) {
         if (!volume->ntfs)
             return ERROR_UNRECOGNIZED_VOLUME;
-        if (const DWORD error = volume->ntfs->lookup(path.components, file))
+        if (const DWORD error = disk::lookupNtfsPath(*volume, path.components, file))
             return error;
     } else {
         // Only the root directory of a FAT or exFAT volume is offered.
@@ -412,7 +413,7 @@ DWORD DiskImageApi::ntfsVolumeData(const AttachedVolume& volume, NTFS_VOLUME_DAT
     const disk::NtfsVolume& ntfs = *volume.ntfs;
     const disk::BootSector& boot = ntfs.boot();
     std::uint64_t freeClusters = 0;
-    if (const DWORD error = ntfs.countFreeClusters(freeClusters))
+    if (const DWORD error = disk::countNtfsFreeClusters(volume, freeClusters))
         return error;
     std::memset(&data, 0, sizeof data);
     data.VolumeSerialNumber.QuadPart = static_cast<LONGLONG>(boot.serialNumber);
@@ -600,7 +601,7 @@ BOOL DiskImageApi::GetDiskFreeSpaceW(LPCWSTR rootPathName, LPDWORD sectorsPerClu
         return fail(error);
     std::uint64_t freeClusters = 0;
     const DWORD error = volume->ntfs
-                            ? volume->ntfs->countFreeClusters(freeClusters)
+                            ? disk::countNtfsFreeClusters(*volume, freeClusters)
                             : disk::fatFreeClusters(*volume->bytes, volume->boot, freeClusters);
     if (error != 0)
         return fail(error);

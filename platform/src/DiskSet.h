@@ -28,6 +28,7 @@ struct AttachedVolume {
     std::shared_ptr<const NtfsVolume> ntfs; // NTFS only, when it mounted
     std::string mountError;                 // why an NTFS volume did not mount
     std::u16string label;                   // FAT and exFAT
+    bool mftOnly = false; // an extracted $MFT: only the MFT's clusters can be read
 
     std::uint32_t sectorSize() const { return disk->info.bytesPerSector; }
 };

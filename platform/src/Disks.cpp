@@ -1,6 +1,7 @@
 #include "DiskSet.h"
 
 #include "Backends.h"
+#include "ExtractedMft.h"
 
 #include "Fat.h"
 #include "PartitionTable.h"
@@ -82,6 +83,14 @@ bool buildDiskSet(const std::vector<std::shared_ptr<const ByteSource>>& sources,
         disk->info.number = static_cast<std::uint32_t>(i);
         disk->info.path = i < paths.size() ? paths[i] : std::string();
         disk->info.size = sources[i]->size();
+        if (startsWithFileRecord(*sources[i])) {
+            if (auto volume = attachExtractedMft(*disk)) {
+                volume->disk = disk;
+                found.push_back(volume);
+            }
+            set.disks.push_back(disk);
+            continue;
+        }
         const std::uint32_t deviceSize = i < deviceSectorSizes.size() ? deviceSectorSizes[i] : 0;
         disk->info.bytesPerSector = deviceSize != 0 ? deviceSize : detectSectorSize(*sources[i]);
         const PartitionTable table = readPartitionTable(*sources[i], disk->info.bytesPerSector);

@@ -9,19 +9,6 @@ namespace kestrow::platform::disk {
 
 namespace {
 
-// FILE record header.
-namespace fileRecord {
-constexpr char kMagic[] = "FILE";
-constexpr std::size_t kUsaOffset = 0x04;
-constexpr std::size_t kUsaCount = 0x06;
-constexpr std::size_t kFirstAttribute = 0x14;
-constexpr std::size_t kFlags = 0x16;
-constexpr std::size_t kBytesInUse = 0x18;
-constexpr std::size_t kBaseRecord = 0x20;
-constexpr std::uint16_t kInUse = 0x0001;
-constexpr std::uint16_t kDirectory = 0x0002;
-} // namespace fileRecord
-
 // Attribute header, common part and the two forms.
 namespace attrHeader {
 constexpr std::size_t kType = 0x00;
@@ -63,8 +50,8 @@ constexpr std::size_t kEntryKeyLength = 0x0A;
 constexpr std::size_t kEntryFlags = 0x0C;
 constexpr std::size_t kEntryKey = 0x10;
 constexpr std::uint16_t kLastEntry = 0x0002;
-constexpr std::size_t kNameLength = 0x40; // within the $FILE_NAME key
-constexpr std::size_t kName = 0x42;
+constexpr std::size_t kNameLength = fileName::kNameLength; // within the $FILE_NAME key
+constexpr std::size_t kName = fileName::kName;
 } // namespace index
 
 namespace standardInformation {
@@ -195,6 +182,14 @@ std::vector<NtfsAttribute> mergePieces(std::vector<AttributePiece> pieces) {
     return merged;
 }
 
+// The FILE_ATTRIBUTE_* values that $STANDARD_INFORMATION keeps and Windows
+// passes on to GetFileAttributesW.
+constexpr DWORD kReportedAttributeMask = 0x0001FFB7u;
+constexpr DWORD kDirectoryAttribute = 0x00000010u;
+constexpr DWORD kNormalAttribute = 0x00000080u;
+
+} // namespace
+
 const NtfsAttribute* findAttribute(const std::vector<NtfsAttribute>& attributes, std::uint32_t type,
                                    const std::u16string& name) {
     for (const NtfsAttribute& attribute : attributes) {
@@ -203,14 +198,6 @@ const NtfsAttribute* findAttribute(const std::vector<NtfsAttribute>& attributes,
     }
     return nullptr;
 }
-
-// The FILE_ATTRIBUTE_* values that $STANDARD_INFORMATION keeps and Windows
-// passes on to GetFileAttributesW.
-constexpr DWORD kReportedAttributeMask = 0x0001FFB7u;
-constexpr DWORD kDirectoryAttribute = 0x00000010u;
-constexpr DWORD kNormalAttribute = 0x00000080u;
-
-} // namespace
 
 bool decodeRunList(const LeView& bytes, std::uint64_t startVcn, std::vector<DataRun>& runs,
                    std::string& error) {
@@ -328,6 +315,14 @@ std::shared_ptr<const NtfsVolume> NtfsVolume::mount(std::shared_ptr<const ByteSo
         return nullptr;
     ntfs->loadUpcase();
     ntfs->loadLabel();
+    return ntfs;
+}
+
+std::shared_ptr<const NtfsVolume>
+NtfsVolume::mountWithMftRuns(std::shared_ptr<const ByteSource> volume, const BootSector& boot,
+                             std::vector<DataRun> mftRuns) {
+    std::shared_ptr<NtfsVolume> ntfs(new NtfsVolume(std::move(volume), boot));
+    ntfs->m_mftRuns = std::move(mftRuns);
     return ntfs;
 }
 

@@ -45,6 +45,27 @@ bool decodeRunList(const LeView& bytes, std::uint64_t startVcn, std::vector<Data
 // does not fit the block or a stride does not match (a torn write).
 bool applyFixups(std::uint8_t* block, std::size_t size);
 
+// FILE record header.
+namespace fileRecord {
+constexpr char kMagic[] = "FILE";
+constexpr std::size_t kUsaOffset = 0x04;
+constexpr std::size_t kUsaCount = 0x06;
+constexpr std::size_t kFirstAttribute = 0x14;
+constexpr std::size_t kFlags = 0x16;
+constexpr std::size_t kBytesInUse = 0x18;
+constexpr std::size_t kBytesAllocated = 0x1C; // the record's size
+constexpr std::size_t kBaseRecord = 0x20;
+constexpr std::uint16_t kInUse = 0x0001;
+constexpr std::uint16_t kDirectory = 0x0002;
+} // namespace fileRecord
+
+// $FILE_NAME value (also the key of a directory index entry).
+namespace fileName {
+constexpr std::size_t kParent = 0x00;
+constexpr std::size_t kNameLength = 0x40;
+constexpr std::size_t kName = 0x42;
+} // namespace fileName
+
 namespace attr {
 constexpr std::uint32_t kStandardInformation = 0x10;
 constexpr std::uint32_t kAttributeList = 0x20;
@@ -77,6 +98,10 @@ struct NtfsAttribute {
     std::uint64_t lowestVcn = 0; // of the piece this came from (before merging)
 };
 
+// The attribute of this type and name, or null.
+const NtfsAttribute* findAttribute(const std::vector<NtfsAttribute>& attributes, std::uint32_t type,
+                                   const std::u16string& name);
+
 // Well-known record numbers.
 namespace record {
 constexpr std::uint64_t kMft = 0;
@@ -101,6 +126,13 @@ public:
     // when record 0 cannot be read.
     static std::shared_ptr<const NtfsVolume> mount(std::shared_ptr<const ByteSource> volume,
                                                    const BootSector& boot, std::string& error);
+
+    // Opens a volume whose MFT is taken to lie in `mftRuns` rather than where
+    // record 0 says: a file holding only an MFT, read before its geometry is
+    // known. Nothing is read; the label and upcase table stay unread.
+    static std::shared_ptr<const NtfsVolume>
+    mountWithMftRuns(std::shared_ptr<const ByteSource> volume, const BootSector& boot,
+                     std::vector<DataRun> mftRuns);
 
     const BootSector& boot() const { return m_boot; }
     const std::u16string& label() const { return m_label; }

@@ -105,7 +105,8 @@ void listAttachedVolumes(Session& session) {
                 .field("path", disk.path)
                 .field("size", static_cast<unsigned long long>(disk.size))
                 .field("bytesPerSector", disk.bytesPerSector)
-                .field("partitionTable", disk.partitionTable);
+                .field("partitionTable", disk.partitionTable)
+                .field("problem", disk.problem);
             json.key("volumes").beginArray();
             for (const platform::VolumeInfo& info : volumes) {
                 if (info.diskNumber != disk.number)
@@ -117,6 +118,7 @@ void listAttachedVolumes(Session& session) {
                     .field("partition", info.partition)
                     .field("offset", static_cast<unsigned long long>(info.offset))
                     .field("size", static_cast<unsigned long long>(info.length))
+                    .field("extractedMft", info.extractedMft)
                     .endObject();
             }
             json.endArray().endObject();
@@ -128,6 +130,8 @@ void listAttachedVolumes(Session& session) {
         out << "\\\\.\\PhysicalDrive" << number(disk.number) << "  " << disk.path << "  "
             << sizeText(disk.size) << "  " << disk.partitionTable << ", "
             << number(disk.bytesPerSector) << "-byte sectors\n";
+        if (!disk.problem.empty())
+            out << "   " << disk.problem << "\n";
         for (const platform::VolumeInfo& info : volumes) {
             if (info.diskNumber != disk.number)
                 continue;
@@ -139,11 +143,15 @@ void listAttachedVolumes(Session& session) {
             out << line;
             if (disk.bytesPerSector)
                 out << " (sector " << number(info.offset / disk.bytesPerSector) << ")";
-            out << (info.partition ? "  partition " + number(info.partition) : "  whole disk");
+            out << (info.partition              ? "  partition " + number(info.partition)
+                    : info.extractedMft.empty() ? "  whole disk"
+                                                : "  extracted MFT");
             const std::string label = labelOf(info);
             if (!label.empty())
                 out << "  \"" << label << "\"";
             out << "\n";
+            if (!info.extractedMft.empty())
+                out << "       " << info.extractedMft << "\n";
         }
     }
 }
@@ -736,7 +744,9 @@ int dumpCommand(Session& session) {
     if (!Volume::dumpSectors(handle, sector, static_cast<unsigned int>(count), bytesPerSector,
                              text))
         throw CommandError("cannot read " + number(count) + " sector(s) at " + number(sector) +
-                           " of " + utf8(device) + " (past the end of the device?)");
+                           " of " + utf8(device) +
+                           (orv::System::getSystemError() != 0 ? " (" + lastSystemErrorText() + ")"
+                                                               : " (past the end of the device?)"));
 
     Output& out = session.out();
     if (options.json) {

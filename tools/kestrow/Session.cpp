@@ -56,6 +56,17 @@ std::string attachedLetters() {
     return letters.empty() ? "none" : letters;
 }
 
+// Why attached disks hold no volume, when the backend could tell ("; disk 0:
+// refused as an extracted MFT: ..."), or nothing.
+std::string diskProblems() {
+    std::string problems;
+    for (const platform::DiskInfo& disk : platform::attachedDisks()) {
+        if (!disk.problem.empty())
+            problems += "; disk " + std::to_string(disk.number) + ": " + disk.problem;
+    }
+    return problems;
+}
+
 } // namespace
 
 bool stderrIsTerminal() {
@@ -124,7 +135,8 @@ Volume& Session::openAnyVolume(char letter) {
             known = known || info.letter == letter;
         if (!known)
             throw CommandError("no volume " + letterText(letter) +
-                               " on the attached disks (volumes: " + attachedLetters() + ")");
+                               " on the attached disks (volumes: " + attachedLetters() +
+                               diskProblems() + ")");
     }
     m_mft.reset();
     m_volume = std::make_unique<Volume>(letter);

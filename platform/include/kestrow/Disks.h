@@ -24,6 +24,10 @@ struct VolumeInfo {
     std::uint64_t offset = 0;     // byte offset of the volume on its disk
     std::uint64_t length = 0;     // byte length of the volume
     std::string fileSystem;       // "NTFS", "FAT", "FAT32", "exFAT"
+    // For the volume of a disk that is a file holding only an extracted $MFT:
+    // the geometry inferred from its records, as one line of text. Empty for
+    // a volume read from its disk.
+    std::string extractedMft;
 };
 
 // One attached disk.
@@ -33,6 +37,9 @@ struct DiskInfo {
     std::uint64_t size = 0;
     std::uint32_t bytesPerSector = 0; // logical sector size used for this disk
     std::string partitionTable;       // "MBR", "GPT" or "none"
+    // Why what the disk holds is not offered as a volume, in one line (a
+    // file that starts as an extracted $MFT but is damaged); empty otherwise.
+    std::string problem;
 };
 
 // A letter pinned by the host: volume `partition` (as in VolumeInfo) of
