@@ -3,12 +3,17 @@
 #include <algorithm>
 #include <cstring>
 
+#if defined(__linux__)
+#include <sys/mman.h>
+#include <unistd.h>
+#endif
+
 namespace kestrow::platform::disk {
 
 MftOnlyDrive::MftOnlyDrive(std::shared_ptr<const ByteSource> mftFile,
                            const std::vector<DataRun>& runs, std::uint64_t clusterSize,
                            std::uint64_t size)
-    : m_file(std::move(mftFile)), m_size(size) {
+    : m_file(std::move(mftFile)), m_clusterSize(clusterSize), m_size(size) {
     for (const DataRun& run : runs)
         m_pieces.push_back({static_cast<std::uint64_t>(run.lcn) * clusterSize,
                             run.length * clusterSize, run.vcn * clusterSize});
@@ -55,14 +60,60 @@ ReadResult MftOnlyDrive::readAt(std::uint64_t offset, void* buffer, std::size_t 
 DWORD MftOnlyDrive::mapReadOnly(std::uint64_t offset, std::size_t length,
                                 MappedBytes& mapped) const {
     const Piece* piece = pieceAt(offset);
-    if (length == 0 || piece == nullptr)
-        return ERROR_NOT_SUPPORTED;
-    const std::uint64_t within = offset - piece->driveOffset;
-    const std::uint64_t fileOffset = piece->fileOffset + within;
-    if (length > piece->length - within || fileOffset > m_file->size() ||
-        length > m_file->size() - fileOffset)
-        return ERROR_NOT_SUPPORTED; // past the run, or zeros the file does not hold
-    return m_file->mapReadOnly(fileOffset, length, mapped);
+    if (length == 0 || offset > m_size || length > m_size - offset)
+        return ERROR_INVALID_PARAMETER;
+    if (piece != nullptr) {
+        const std::uint64_t within = offset - piece->driveOffset;
+        const std::uint64_t fileOffset = piece->fileOffset + within;
+        if (length <= piece->length - within && fileOffset <= m_file->size() &&
+            length <= m_file->size() - fileOffset)
+            return m_file->mapReadOnly(fileOffset, length, mapped);
+    }
+    return mapAcrossPieces(offset, length, mapped);
 }
+
+#if defined(__linux__)
+// A view that starts before a run of the MFT, or spans several, is put
+// together from the file's pages moved into place; what lies outside the
+// runs shows zeros. A view is only looked at where a read of the drive
+// would succeed (the MFT's own records), so those zeros are never taken
+// for the volume's data. Possible when clusters are whole pages.
+DWORD MftOnlyDrive::mapAcrossPieces(std::uint64_t offset, std::size_t length,
+                                    MappedBytes& mapped) const {
+    const auto page = static_cast<std::uint64_t>(::sysconf(_SC_PAGESIZE));
+    if (!m_file->mappable() || m_clusterSize % page != 0 || offset % page != 0)
+        return ERROR_NOT_SUPPORTED;
+    const std::size_t span = static_cast<std::size_t>((length + page - 1) / page * page);
+    void* base =
+        ::mmap(nullptr, span, PROT_READ, MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE, -1, 0);
+    if (base == MAP_FAILED)
+        return ERROR_NOT_ENOUGH_MEMORY;
+    mapped = MappedBytes{base, span, static_cast<const std::uint8_t*>(base)};
+    const std::uint64_t end = offset + length;
+    for (const Piece& piece : m_pieces) {
+        const std::uint64_t from = std::max(offset, piece.driveOffset);
+        const std::uint64_t to = std::min(end, piece.driveOffset + piece.length);
+        const std::uint64_t fileOffset = piece.fileOffset + (from - piece.driveOffset);
+        if (from >= to || fileOffset >= m_file->size())
+            continue;
+        const std::size_t bytes =
+            static_cast<std::size_t>(std::min(to - from, m_file->size() - fileOffset));
+        MappedBytes part;
+        if (m_file->mapReadOnly(fileOffset, bytes, part) != 0 || part.bytes != part.base ||
+            ::mremap(part.base, part.length, part.length, MREMAP_MAYMOVE | MREMAP_FIXED,
+                     static_cast<std::uint8_t*>(base) + (from - offset)) == MAP_FAILED) {
+            unmapBytes(part);
+            unmapBytes(mapped);
+            mapped = MappedBytes{};
+            return ERROR_NOT_SUPPORTED;
+        }
+    }
+    return 0;
+}
+#else
+DWORD MftOnlyDrive::mapAcrossPieces(std::uint64_t, std::size_t, MappedBytes&) const {
+    return ERROR_NOT_SUPPORTED;
+}
+#endif
 
 } // namespace kestrow::platform::disk

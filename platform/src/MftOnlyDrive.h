@@ -22,7 +22,7 @@ public:
 
     std::uint64_t size() const override { return m_size; }
     ReadResult readAt(std::uint64_t offset, void* buffer, std::size_t length) const override;
-    // Ranges inside one run of the MFT map the file's bytes; nothing else maps.
+    // Views show the file's bytes where the MFT's runs lie.
     DWORD mapReadOnly(std::uint64_t offset, std::size_t length, MappedBytes& mapped) const override;
     bool mappable() const override { return m_file->mappable(); }
 
@@ -38,9 +38,11 @@ private:
     };
     // The piece holding drive byte `offset`, or null.
     const Piece* pieceAt(std::uint64_t offset) const;
+    DWORD mapAcrossPieces(std::uint64_t offset, std::size_t length, MappedBytes& mapped) const;
 
     std::shared_ptr<const ByteSource> m_file;
     std::vector<Piece> m_pieces; // by drive offset
+    std::uint64_t m_clusterSize;
     std::uint64_t m_size;
 };
 
