@@ -23,7 +23,8 @@ too large for fuzz inputs, so the seeds are the meaningful pieces of them:
                       cluster bitmap and small data of those records moved
                       after them, their run lists rewritten to match
   disk_image_backend  the compact volumes, and compact disks: the MBR and
-                      GPT images' tables pointing at compact volumes
+                      GPT images' tables pointing at compact volumes; the
+                      small volumes' $MFT as collection tools extract it
   master_file_table   the same disks as disk_image_backend
 
 Only the fixture images are read; nothing is written but the seeds.
@@ -344,6 +345,8 @@ def seed_volumes(out, name, v):
     write(out, "ntfs_volume", name, compact)
     write(out, "disk_image_backend", name, compact)
     write(out, "boot_sector", f"{name}-ntfs", v.boot)
+    if len(v.mft) <= MAX_MFT_BYTES:
+        write(out, "disk_image_backend", f"{name}-extracted-mft", v.mft)
     return compact
 
 
