@@ -36,6 +36,10 @@ DWORD ByteSource::mapReadOnly(std::uint64_t, std::size_t, MappedBytes&) const {
     return ERROR_NOT_SUPPORTED;
 }
 
+DWORD ByteSource::mapReadOnlyAt(std::uint64_t, std::size_t, void*) const {
+    return ERROR_NOT_SUPPORTED;
+}
+
 namespace {
 
 // True when [offset, offset + length) lies inside a source of `size` bytes.
@@ -128,6 +132,10 @@ DWORD HostFile::mapReadOnly(std::uint64_t, std::size_t, MappedBytes&) const {
     return ERROR_NOT_SUPPORTED;
 }
 
+DWORD HostFile::mapReadOnlyAt(std::uint64_t, std::size_t, void*) const {
+    return ERROR_NOT_SUPPORTED;
+}
+
 bool HostFile::mappable() const {
     return false;
 }
@@ -214,6 +222,19 @@ DWORD HostFile::mapReadOnly(std::uint64_t offset, std::size_t length, MappedByte
     mapped.base = base;
     mapped.length = static_cast<std::size_t>(lead + length);
     mapped.bytes = static_cast<const std::uint8_t*>(base) + lead;
+    return 0;
+}
+
+DWORD HostFile::mapReadOnlyAt(std::uint64_t offset, std::size_t length, void* address) const {
+    static const std::uint64_t page = static_cast<std::uint64_t>(::sysconf(_SC_PAGESIZE));
+    if (!mappable())
+        return ERROR_NOT_SUPPORTED;
+    if (length == 0 || !rangeInside(offset, length, m_size) || offset % page != 0 ||
+        reinterpret_cast<std::uintptr_t>(address) % page != 0)
+        return ERROR_INVALID_PARAMETER;
+    if (::mmap(address, length, PROT_READ, MAP_SHARED | MAP_FIXED, m_fd,
+               static_cast<off_t>(offset)) == MAP_FAILED)
+        return ERROR_ACCESS_DENIED;
     return 0;
 }
 

@@ -49,6 +49,10 @@ public:
     virtual DWORD mapReadOnly(std::uint64_t offset, std::size_t length, MappedBytes& mapped) const;
     // Whether mapReadOnly can succeed at all for this source.
     virtual bool mappable() const { return false; }
+    // Maps [offset, offset + length) read-only in place of the pages at
+    // `address`, which the caller owns; both ends are page-aligned. Sources
+    // that cannot answer ERROR_NOT_SUPPORTED, which is what this default does.
+    virtual DWORD mapReadOnlyAt(std::uint64_t offset, std::size_t length, void* address) const;
 };
 
 // An image file or block device opened read-only.
@@ -62,6 +66,7 @@ public:
     ReadResult readAt(std::uint64_t offset, void* buffer, std::size_t length) const override;
     DWORD mapReadOnly(std::uint64_t offset, std::size_t length, MappedBytes& mapped) const override;
     bool mappable() const override;
+    DWORD mapReadOnlyAt(std::uint64_t offset, std::size_t length, void* address) const override;
 
     // The logical sector size the device reports, or 0 for a regular file.
     std::uint32_t deviceSectorSize() const { return m_deviceSectorSize; }

@@ -3,7 +3,7 @@
 #include <algorithm>
 #include <cstring>
 
-#if defined(__linux__)
+#if !defined(_WIN32)
 #include <sys/mman.h>
 #include <unistd.h>
 #endif
@@ -72,20 +72,24 @@ DWORD MftOnlyDrive::mapReadOnly(std::uint64_t offset, std::size_t length,
     return mapAcrossPieces(offset, length, mapped);
 }
 
-#if defined(__linux__)
 // A view that starts before a run of the MFT, or spans several, is put
-// together from the file's pages moved into place; what lies outside the
-// runs shows zeros. A view is only looked at where a read of the drive
-// would succeed (the MFT's own records), so those zeros are never taken
-// for the volume's data. Possible when clusters are whole pages.
+// together from the file's pages mapped into place over zeros: what lies
+// outside the runs shows zeros. A view is only looked at where a read of the
+// drive would succeed (the MFT's own records), so those zeros are never
+// taken for the volume's data. Possible where clusters are whole pages.
 DWORD MftOnlyDrive::mapAcrossPieces(std::uint64_t offset, std::size_t length,
                                     MappedBytes& mapped) const {
+#if defined(_WIN32)
+    (void)offset;
+    (void)length;
+    (void)mapped;
+    return ERROR_NOT_SUPPORTED;
+#else
     const auto page = static_cast<std::uint64_t>(::sysconf(_SC_PAGESIZE));
     if (!m_file->mappable() || m_clusterSize % page != 0 || offset % page != 0)
         return ERROR_NOT_SUPPORTED;
     const std::size_t span = static_cast<std::size_t>((length + page - 1) / page * page);
-    void* base =
-        ::mmap(nullptr, span, PROT_READ, MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE, -1, 0);
+    void* base = ::mmap(nullptr, span, PROT_READ, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
     if (base == MAP_FAILED)
         return ERROR_NOT_ENOUGH_MEMORY;
     mapped = MappedBytes{base, span, static_cast<const std::uint8_t*>(base)};
@@ -98,22 +102,15 @@ DWORD MftOnlyDrive::mapAcrossPieces(std::uint64_t offset, std::size_t length,
             continue;
         const std::size_t bytes =
             static_cast<std::size_t>(std::min(to - from, m_file->size() - fileOffset));
-        MappedBytes part;
-        if (m_file->mapReadOnly(fileOffset, bytes, part) != 0 || part.bytes != part.base ||
-            ::mremap(part.base, part.length, part.length, MREMAP_MAYMOVE | MREMAP_FIXED,
-                     static_cast<std::uint8_t*>(base) + (from - offset)) == MAP_FAILED) {
-            unmapBytes(part);
+        if (m_file->mapReadOnlyAt(fileOffset, bytes,
+                                  static_cast<std::uint8_t*>(base) + (from - offset)) != 0) {
             unmapBytes(mapped);
             mapped = MappedBytes{};
             return ERROR_NOT_SUPPORTED;
         }
     }
     return 0;
-}
-#else
-DWORD MftOnlyDrive::mapAcrossPieces(std::uint64_t, std::size_t, MappedBytes&) const {
-    return ERROR_NOT_SUPPORTED;
-}
 #endif
+}
 
 } // namespace kestrow::platform::disk
