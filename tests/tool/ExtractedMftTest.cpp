@@ -155,8 +155,8 @@ INSTANTIATE_TEST_SUITE_P(Fixtures, ExtractedMftOfEachImage,
 TEST(ExtractedMft, WindowsMadeRecordsOpenAndListTheRoot) {
     const fs::path disk = windowsMadeDisk();
     if (disk.empty())
-        GTEST_SKIP() << "the disk written by Windows (vss_3_volstor.tar.gz) is not on this "
-                        "machine: set KESTROW_FIELD_DIR to the directory that holds it";
+        GTEST_SKIP() << "needs: the disk written by Windows (vss_3_volstor.tar.gz) in "
+                        "../shared/field or in $KESTROW_FIELD_DIR";
     constexpr std::uint64_t kFirstPartition = 2048;
     const fs::path mft = extractMft(disk, kFirstPartition, "windows");
     EXPECT_EQ(jsonNumber(kestrowOk(mft, {"--json", "info", "C:"}), "bytesPerFileRecord"), 1024u);
