@@ -3,17 +3,18 @@
 #include "MftOnlyDrive.h"
 
 #include <algorithm>
-#include <cstdio>
 
 namespace kestrow::platform::disk {
 
 namespace {
 
+constexpr std::uint32_t kPlainSectorSize = 512;
 constexpr std::uint32_t kMinRecordSize = 512;
 constexpr std::uint32_t kMaxRecordSize = 65536;
 constexpr std::uint32_t kMinSectorSize = 256;
 constexpr std::uint32_t kMaxSectorSize = 4096;
 constexpr std::uint64_t kMaxClusterSize = 2u << 20; // NTFS's largest, 2 MiB
+constexpr std::uint64_t kMaxClusters = 0xFFFFFFFFu; // NTFS's limit
 const std::u16string kMftName = u"$MFT";
 const std::u16string kBadClustersStream = u"$Bad";
 constexpr std::uint64_t kBadClustersRecord = 8;
@@ -197,10 +198,10 @@ bool readMftData(const std::vector<NtfsAttribute>& attributes, std::uint64_t fil
               [](const DataRun& a, const DataRun& b) { return a.lcn < b.lcn; });
     for (std::size_t i = 0; i < byCluster.size(); ++i) {
         const auto lcn = static_cast<std::uint64_t>(byCluster[i].lcn);
-        if (lcn > UINT64_MAX / clusterSize - byCluster[i].length ||
+        if (lcn > kMaxClusters || byCluster[i].length > kMaxClusters - lcn ||
             (i + 1 < byCluster.size() &&
              lcn + byCluster[i].length > static_cast<std::uint64_t>(byCluster[i + 1].lcn))) {
-            problem = "sizes contradict: runs of $MFT's $DATA overlap or pass the largest volume";
+            problem = "sizes contradict: runs of $MFT's $DATA overlap or pass NTFS's last cluster";
             return false;
         }
     }
@@ -228,8 +229,9 @@ void countVolumeClusters(const NtfsVolume& records, Geometry& geometry) {
     const NtfsAttribute* bad = nullptr;
     if (records.attributes(kBadClustersRecord, attributes) == 0)
         bad = findAttribute(attributes, attr::kData, kBadClustersStream);
-    if (bad != nullptr && bad->nonResident && bad->dataSize / geometry.clusterSize != 0) {
-        geometry.totalClusters = bad->dataSize / geometry.clusterSize;
+    const std::uint64_t badClusters = bad != nullptr ? bad->dataSize / geometry.clusterSize : 0;
+    if (bad != nullptr && bad->nonResident && badClusters != 0 && badClusters <= kMaxClusters) {
+        geometry.totalClusters = badClusters;
         geometry.totalClustersFrom = "$BadClus";
     } else {
         const NtfsAttribute* bitmap = nullptr;
@@ -238,14 +240,15 @@ void countVolumeClusters(const NtfsVolume& records, Geometry& geometry) {
         const std::uint64_t bytes = bitmap == nullptr     ? 0
                                     : bitmap->nonResident ? bitmap->dataSize
                                                           : bitmap->value.size();
-        if (bytes != 0 && bytes <= UINT64_MAX / 8) {
+        if (bytes != 0 && bytes <= kMaxClusters / 8 + 1) {
             geometry.totalClusters = bytes * 8;
             geometry.totalClustersFrom = "$Bitmap";
         } else {
             for (std::uint64_t index = 0; index < geometry.records; ++index) {
                 if (records.attributes(index, attributes) == 0)
                     geometry.totalClusters =
-                        std::max(geometry.totalClusters, clustersNamedByRuns(attributes));
+                        std::max(geometry.totalClusters,
+                                 std::min(clustersNamedByRuns(attributes), kMaxClusters));
             }
             geometry.totalClustersFrom = "the runs of its records";
         }
@@ -254,7 +257,6 @@ void countVolumeClusters(const NtfsVolume& records, Geometry& geometry) {
     for (const DataRun& run : geometry.mftRuns)
         geometry.totalClusters =
             std::max(geometry.totalClusters, static_cast<std::uint64_t>(run.lcn) + run.length);
-    geometry.totalClusters = std::min(geometry.totalClusters, UINT64_MAX / geometry.clusterSize);
     if (records.attributes(kMftMirrorRecord, attributes) == 0) {
         const NtfsAttribute* mirror = findAttribute(attributes, attr::kData, u"");
         if (mirror != nullptr && !mirror->runs.empty() && mirror->runs.front().lcn >= 0)
@@ -306,7 +308,7 @@ bool startsWithFileRecord(const ByteSource& source) {
 std::shared_ptr<AttachedVolume> attachExtractedMft(AttachedDisk& disk) {
     // A refused file is still a disk, of plain 512-byte sectors.
     disk.info.partitionTable = "none";
-    disk.info.bytesPerSector = kMinRecordSize;
+    disk.info.bytesPerSector = kPlainSectorSize;
     Geometry geometry;
     std::string problem;
     if (!inferGeometry(disk.bytes, geometry, problem)) {
