@@ -228,9 +228,10 @@ std::uint64_t loadLe(const std::string& bytes, std::size_t offset, int width) {
     return value;
 }
 
-// Offset in record 0 of its first attribute of `type`.
-std::size_t attributeOffset(const std::string& bytes, std::uint32_t type) {
-    std::size_t offset = loadLe(bytes, 0x14, 2);
+// Offset in the file of the first attribute of `type` in the record at
+// `record` (a byte offset).
+std::size_t attributeOffset(const std::string& bytes, std::uint32_t type, std::size_t record = 0) {
+    std::size_t offset = record + loadLe(bytes, record + 0x14, 2);
     while (loadLe(bytes, offset, 4) != type)
         offset += loadLe(bytes, offset + 4, 4);
     return offset;
@@ -277,6 +278,35 @@ TEST(ExtractedMft, DamagedFilesAreRefusedWithOneLineReason) {
         EXPECT_NE(paths.err.find(damage.reason), std::string::npos) << paths.err;
         EXPECT_EQ(std::count(paths.err.begin(), paths.err.end(), '\n'), 1) << paths.err;
     }
+}
+
+// Without $BadClus:$Bad the cluster count comes from $Bitmap's size, and
+// without both from the largest cluster a run names.
+TEST(ExtractedMft, ClusterCountFallsBackToBitmapThenToRuns) {
+    const ImageFacts& facts = kestrow::test::factsOf(FixtureImage::Bare);
+    const fs::path image = kestrow::test::imagePath(facts.image);
+    std::string bytes = oracle::readContent(image, 0);
+    const auto fsstat = oracle::fileSystemStats(image);
+    const std::size_t recordSize = fsstat.mftEntrySize;
+    // $BadClus holds an empty unnamed $DATA, then the $Bad stream.
+    const std::size_t unnamed = attributeOffset(bytes, 0x80, 8 * recordSize);
+    const std::size_t stream = unnamed + loadLe(bytes, unnamed + 4, 4);
+    ASSERT_EQ(loadLe(bytes, stream + 9, 1), 4u) << "a name of 4 units: $Bad";
+    bytes.at(stream + loadLe(bytes, stream + 0x0A, 2) + 6) = 'x';
+    const fs::path file = scratchDir() / "fallback.mft";
+    writeFile(file, bytes);
+    const auto bitmapSize = oracle::inspectRecord(image, 6).find(oracle::kData)->size;
+    EXPECT_NE(kestrowOk(file, {"volumes"})
+                  .find(std::to_string(bitmapSize * 8) + " clusters (from $Bitmap)"),
+              std::string::npos);
+
+    storeLe(bytes, attributeOffset(bytes, 0x80, 6 * recordSize), 0x81, 4);
+    writeFile(file, bytes);
+    const std::string volumes = kestrowOk(file, {"volumes"});
+    EXPECT_NE(volumes.find(" clusters (from the runs of its records)"), std::string::npos)
+        << volumes;
+    EXPECT_EQ(kestrowOk(file, {"--json", "paths", "C:"}),
+              kestrowOk(image, {"--json", "paths", "C:"}));
 }
 
 } // namespace
