@@ -68,8 +68,9 @@ constexpr const char* GENERAL_HELP =
     "  bitmap C:                     used and free clusters\n"
     "\n"
     "options:\n"
-    "  --disk PATH   attach a disk image or block device (repeatable); drive\n"
-    "                letters are given from C: on, disk by disk. Without it,\n"
+    "  --disk PATH   attach a disk image or block device (repeatable), or a\n"
+    "                file holding an extracted $MFT; drive letters are given\n"
+    "                from C: on, disk by disk. Without it,\n"
 #if defined(_WIN32)
     "                KESTROW_DISKS (paths separated by ';') is used. Images\n"
 #else
