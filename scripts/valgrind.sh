@@ -17,7 +17,7 @@ set -euo pipefail
 
 root=$(cd "$(dirname "$0")/.." && pwd)
 build=${1:-$root/build-valgrind}
-programs=(volume_tests volume_image_tests mft_fake_tests mft_image_tests mft_view_tests filerecordmap_tests
+programs=(volume_tests volume_image_tests mft_fake_tests mft_image_tests filerecordmap_tests
           tool_tests)
 if [ $# -gt 1 ]; then
   programs=("${@:2}")

@@ -248,155 +248,6 @@ private:
 } // namespace
 
 // ---------------------------------------------------------------------------
-// Views of the drive
-// ---------------------------------------------------------------------------
-
-namespace {
-
-// Views start at multiples of the system's allocation granularity.
-constexpr unsigned long long VIEW_GRANULARITY = 64 * 1024;
-
-// A view serves a range only where the read it replaces would have succeeded
-// on the drive: whole sectors of the drive, from a sector boundary. Drives
-// have sectors of 512 or 4096 bytes, which need not be the volume's size, so
-// both are asked for; any other range is read as before.
-constexpr unsigned long long LARGEST_DRIVE_SECTOR = 4096;
-
-// Mapping calls set the thread's last error; when they fail and the bytes are
-// read instead, the read must find the error as it was.
-class LastErrorKept {
-public:
-    LastErrorKept() : m_error(platform::GetLastError()) {}
-    ~LastErrorKept() { platform::SetLastError(m_error); }
-    LastErrorKept(const LastErrorKept&) = delete;
-    LastErrorKept& operator=(const LastErrorKept&) = delete;
-
-private:
-    DWORD m_error;
-};
-
-} // namespace
-
-// One read-only mapping of the drive, made on first use, and the view that
-// serves the buffered range now. A view replaces the read into m_buffer.data,
-// but the record buffer keeps its contract: after a failed read it serves
-// whatever earlier reads left in it. So the ranges the views served since the
-// buffer's bytes were last written are remembered (each shorter than the one
-// before it: a longer one covers those before it completely), and
-// writeServedBytes puts them into a buffer exactly as reads would have. The
-// drive is only ever read, so mapping a range again gives the same bytes.
-class MasterFileTable::DriveView {
-public:
-    DriveView() = default;
-    ~DriveView() {
-        forget();
-        if (m_mapping != nullptr)
-            platform::CloseHandle(m_mapping);
-    }
-    DriveView(const DriveView&) = delete;
-    DriveView& operator=(const DriveView&) = delete;
-
-    const unsigned char* bytes() const { return m_current.bytes; }
-    unsigned long long length() const { return m_current.length; }
-
-    // Serves [offset, offset + length) of the drive through a new view; the
-    // previous view goes only once the new one stands. False, with nothing
-    // changed, when the drive cannot be mapped there.
-    bool show(HANDLE drive, unsigned long long offset, unsigned long long length) {
-        LastErrorKept lastError;
-        if (!mapping(drive))
-            return false;
-        View view;
-        if (!map(offset, length, view))
-            return false;
-        unmap(m_current);
-        m_current = view;
-        while (!m_served.empty() && m_served.back().length <= length)
-            m_served.pop_back();
-        m_served.push_back(Range{offset, length});
-        return true;
-    }
-
-    // Writes the bytes the views served into `buffer`, oldest first, as the
-    // reads they stand for would have left them. A range that cannot be
-    // mapped again (the drive went away) leaves the buffer's bytes there.
-    void writeServedBytes(unsigned char* buffer, unsigned long long size) const {
-        LastErrorKept lastError;
-        for (const Range& range : m_served) {
-            if (range.length > size)
-                continue; // never happens: every view fitted the buffer
-            if (range.offset == m_current.offset && range.length == m_current.length &&
-                m_current.bytes != nullptr) {
-                std::memcpy(buffer, m_current.bytes, range.length);
-                continue;
-            }
-            View again;
-            if (!map(range.offset, range.length, again))
-                continue;
-            std::memcpy(buffer, again.bytes, range.length);
-            unmap(again);
-        }
-    }
-
-    // Drops the view and what the views served: the buffer's own bytes are
-    // the buffered bytes again.
-    void forget() {
-        unmap(m_current);
-        m_served.clear();
-    }
-
-private:
-    struct View {
-        void* base = nullptr;
-        const unsigned char* bytes = nullptr;
-        unsigned long long offset = 0;
-        unsigned long long length = 0;
-    };
-    struct Range {
-        unsigned long long offset;
-        unsigned long long length;
-    };
-
-    // The mapping of the whole drive, made once; a drive that cannot be
-    // mapped is not asked again.
-    bool mapping(HANDLE drive) {
-        if (m_mapping == nullptr && !m_unmappable) {
-            m_mapping = platform::CreateFileMappingW(drive, nullptr, PAGE_READONLY, 0, 0, nullptr);
-            m_unmappable = m_mapping == nullptr;
-        }
-        return m_mapping != nullptr;
-    }
-
-    bool map(unsigned long long offset, unsigned long long length, View& view) const {
-        const unsigned long long start = offset - offset % VIEW_GRANULARITY;
-        const unsigned long long lead = offset - start;
-        if (m_mapping == nullptr || length > ~static_cast<SIZE_T>(0) - lead)
-            return false;
-        void* base = platform::MapViewOfFile(
-            m_mapping, FILE_MAP_READ, static_cast<DWORD>(start >> 32),
-            static_cast<DWORD>(start & 0xFFFFFFFFu), static_cast<SIZE_T>(lead + length));
-        if (base == nullptr)
-            return false;
-        view.base = base;
-        view.bytes = static_cast<const unsigned char*>(base) + lead;
-        view.offset = offset;
-        view.length = length;
-        return true;
-    }
-
-    static void unmap(View& view) {
-        if (view.base != nullptr)
-            platform::UnmapViewOfFile(view.base);
-        view = View();
-    }
-
-    HANDLE m_mapping = nullptr;
-    bool m_unmappable = false;
-    View m_current;
-    std::vector<Range> m_served;
-};
-
-// ---------------------------------------------------------------------------
 // Opening, sizing, copying
 // ---------------------------------------------------------------------------
 
@@ -497,9 +348,6 @@ bool MasterFileTable::calculateBufferSize(const MftExtent& extent, unsigned long
         try {
             orv::Buffer<unsigned char> fresh;
             fresh.resize(size, true);
-            // New zeroed bytes: nothing a view served is in them.
-            if (m_driveView)
-                m_driveView->forget();
             m_buffer.data = std::move(fresh);
             allocated = true;
         } catch (const std::bad_alloc&) {
@@ -548,8 +396,6 @@ void MasterFileTable::sizeRecordHashTable() {
     }
 }
 
-// The copy holds the buffered bytes in its own buffer, those a view served
-// included, and maps the drive again only when it next moves its range.
 MasterFileTable::MasterFileTable(const MasterFileTable& other)
     : m_initialized(other.m_initialized), m_mftExtents(other.m_mftExtents),
       m_mftHandle(other.m_mftHandle), m_buffer{other.m_buffer.data,
@@ -558,10 +404,7 @@ MasterFileTable::MasterFileTable(const MasterFileTable& other)
                                                other.m_buffer.numRecords,
                                                other.m_buffer.startIndex},
       m_volume(other.m_volume), m_numMftRecords(other.m_numMftRecords),
-      m_recordHashTable(other.m_recordHashTable) {
-    if (other.m_driveView)
-        other.m_driveView->writeServedBytes(m_buffer.data.data(), m_buffer.data.size());
-}
+      m_recordHashTable(other.m_recordHashTable) {}
 
 MasterFileTable::MasterFileTable(MasterFileTable&& other)
     : m_initialized(other.m_initialized), m_mftExtents(std::move(other.m_mftExtents)),
@@ -572,8 +415,7 @@ MasterFileTable::MasterFileTable(MasterFileTable&& other)
                                                           other.m_buffer.startIndex},
       m_volume(other.m_volume), m_numMftRecords(other.m_numMftRecords),
       // The foundation's table has no move: the source keeps its entries.
-      m_recordHashTable(other.m_recordHashTable), m_pathCache(),
-      m_driveView(std::move(other.m_driveView)) {}
+      m_recordHashTable(other.m_recordHashTable), m_pathCache() {}
 
 MasterFileTable::~MasterFileTable() = default;
 
@@ -642,72 +484,24 @@ bool MasterFileTable::isBuffered(unsigned long long index) const {
     return index >= m_buffer.startIndex && index - m_buffer.startIndex < m_buffer.numRecords;
 }
 
-// The buffered bytes, from the first record of the buffered range on: the
-// view of the drive that serves the range, or else the buffer's own bytes.
-// Every reader of the record buffer goes through these two.
-const unsigned char* MasterFileTable::bufferedBytes() const {
-    if (m_driveView && m_driveView->bytes() != nullptr)
-        return m_driveView->bytes();
-    return m_buffer.data.data();
-}
-
-unsigned long long MasterFileTable::bufferedByteCount() const {
-    if (m_driveView && m_driveView->bytes() != nullptr)
-        return m_driveView->length();
-    return m_buffer.data.size();
-}
-
 // The record's bytes inside the record buffer, or null when its slot lies
 // outside the bytes the buffer holds. A live table always holds its whole
 // buffered range; the check protects a moved-from table, whose buffer is gone.
 const unsigned char* MasterFileTable::bufferedRecord(unsigned long long index) const {
     const unsigned long long bytesPerRecord = m_volume.m_bytesPerFileRecord;
     const unsigned long long offset = (index - m_buffer.startIndex) * bytesPerRecord;
-    const unsigned long long size = bufferedByteCount();
+    const unsigned long long size = m_buffer.data.size();
     if (offset > size || size - offset < bytesPerRecord)
         return nullptr;
-    return bufferedBytes() + offset;
+    return m_buffer.data.data() + offset;
 }
 
-// Loads byteCount bytes from `sector` of the drive into the record buffer:
-// through a view of exactly those bytes where the drive can be mapped, or
-// else read into m_buffer.data as always. Both serve the same bytes and log
-// the same lines.
+// Loads byteCount bytes from `sector` of the drive into the record buffer.
+// The bytes are read, never mapped: a read of an image that shrank or of a
+// failing medium fails and is logged, where touching a mapped page past the
+// end would kill the host with a signal.
 bool MasterFileTable::fillBuffer(unsigned long long sector, unsigned long long byteCount) {
-    if (fillBufferThroughView(sector, byteCount)) {
-        m_volume.traceReadServedByView();
-        return true;
-    }
-    keepViewedBytesInBuffer();
     return m_volume.readBytesFromSector(m_mftHandle, sector, byteCount, m_buffer.data);
-}
-
-// A view stands in for the read only where the read would have succeeded and
-// filled exactly these bytes: a valid handle, a count that the 32-bit read
-// takes whole and the buffer holds, and whole drive sectors.
-bool MasterFileTable::fillBufferThroughView(unsigned long long sector,
-                                            unsigned long long byteCount) {
-    const unsigned long long bytesPerSector = m_volume.m_bytesPerSector;
-    if (!m_mftHandle.isValid() || byteCount == 0 || byteCount > 0xFFFFFFFFULL ||
-        byteCount > m_buffer.data.size() || bytesPerSector == 0)
-        return false;
-    const unsigned long long offset = bytesPerSector * sector;
-    if (byteCount % bytesPerSector != 0 || offset % LARGEST_DRIVE_SECTOR != 0 ||
-        byteCount % LARGEST_DRIVE_SECTOR != 0)
-        return false;
-    if (!m_driveView)
-        m_driveView = std::make_unique<DriveView>();
-    return m_driveView->show(m_mftHandle.get(), offset, byteCount);
-}
-
-// Before a read lands in m_buffer.data, the bytes the views served go there,
-// so that a read that fails or comes up short leaves the earlier bytes, as it
-// always has.
-void MasterFileTable::keepViewedBytesInBuffer() {
-    if (!m_driveView)
-        return;
-    m_driveView->writeServedBytes(m_buffer.data.data(), m_buffer.data.size());
-    m_driveView->forget();
 }
 
 bool MasterFileTable::copyBufferedRecord(unsigned long long index,

@@ -395,13 +395,6 @@ bool Volume::readBytesFromSector(VolumeHandle& handle, unsigned long long sector
     return true;
 }
 
-// A successful readBytesFromSector logs nothing but its trace scope: this is
-// that scope, so a trace shows the same reads whether the bytes came through
-// ReadFile or through a view.
-void Volume::traceReadServedByView() const {
-    orv::TraceLogger trace(s_log.traceLogger(), "readBytesFromSector", TRACE_FILE, 407);
-}
-
 bool Volume::readFileBySector(Volume& volume, VolumeHandle& handle, const FileExtent& extent,
                               orv::String& errorText) {
     if (extent.endSector == extent.startSector)

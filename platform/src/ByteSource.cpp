@@ -1,8 +1,12 @@
 #include "ByteSource.h"
 
+#include <kestrow/Disks.h>
+
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
+#include <mutex>
+#include <string>
 
 #if defined(_WIN32)
 #ifndef WIN32_LEAN_AND_MEAN
@@ -61,6 +65,30 @@ DWORD readErrorCode(int err) {
 // read at a little under 2 GiB anyway).
 constexpr std::size_t kMaxHostRead = std::size_t{1} << 30;
 
+// A host file is taken to keep the size it had when opened. When it ends
+// before that (another program truncated or rewrote the image, a share
+// dropped), the bytes it no longer has are a failed read, never a silent
+// short one that would pass for data.
+void failIfShrunk(ReadResult& result, std::uint64_t offset, std::size_t length,
+                  std::uint64_t size) {
+    if (result.error == 0 && result.bytes < length && offset + result.bytes < size)
+        result.error = ERROR_HANDLE_EOF;
+}
+
+std::mutex g_mediumFailuresMutex;
+MediumFailures g_mediumFailures;
+
+// Every failed read of a host file, whoever asked for it, for mediumFailures().
+void noteIfFailed(const ReadResult& result, const std::string& path, std::uint64_t offset) {
+    if (result.error == 0)
+        return;
+    std::lock_guard<std::mutex> lock(g_mediumFailuresMutex);
+    ++g_mediumFailures.count;
+    g_mediumFailures.path = path;
+    g_mediumFailures.offset = offset + result.bytes;
+    g_mediumFailures.error = result.error;
+}
+
 } // namespace
 
 #if defined(_WIN32)
@@ -79,6 +107,7 @@ std::shared_ptr<HostFile> HostFile::open(const std::string& path, std::string& e
     }
     std::shared_ptr<HostFile> file(new HostFile());
     file->m_handle = handle;
+    file->m_path = path;
     LARGE_INTEGER size{};
     if (::GetFileSizeEx(handle, &size)) {
         file->m_size = static_cast<std::uint64_t>(size.QuadPart);
@@ -123,6 +152,8 @@ ReadResult HostFile::readAt(std::uint64_t offset, void* buffer, std::size_t leng
             break;
         result.bytes += got;
     }
+    failIfShrunk(result, offset, length, m_size);
+    noteIfFailed(result, m_path, offset);
     return result;
 }
 
@@ -152,6 +183,7 @@ std::shared_ptr<HostFile> HostFile::open(const std::string& path, std::string& e
     }
     std::shared_ptr<HostFile> file(new HostFile());
     file->m_fd = fd;
+    file->m_path = path;
     struct stat status {};
     if (::fstat(fd, &status) != 0) {
         error = "cannot examine " + path + ": " + std::strerror(errno);
@@ -198,6 +230,8 @@ ReadResult HostFile::readAt(std::uint64_t offset, void* buffer, std::size_t leng
             break;
         result.bytes += static_cast<std::size_t>(got);
     }
+    failIfShrunk(result, offset, length, m_size);
+    noteIfFailed(result, m_path, offset);
     return result;
 }
 
@@ -285,3 +319,12 @@ ReadResult MemorySource::readAt(std::uint64_t offset, void* buffer, std::size_t 
 }
 
 } // namespace kestrow::platform::disk
+
+namespace kestrow::platform {
+
+MediumFailures mediumFailures() {
+    std::lock_guard<std::mutex> lock(disk::g_mediumFailuresMutex);
+    return disk::g_mediumFailures;
+}
+
+} // namespace kestrow::platform

@@ -13,7 +13,9 @@
 namespace kestrow::platform::disk {
 
 // What a positional read gave: the bytes delivered (fewer than asked only at
-// the end of the source) and a Windows error code, 0 on success.
+// the end of the source) and a Windows error code, 0 on success. A host file
+// that ends before the size it had when opened fails with ERROR_HANDLE_EOF
+// instead of delivering fewer bytes.
 struct ReadResult {
     std::size_t bytes = 0;
     DWORD error = 0;
@@ -78,6 +80,7 @@ private:
 #else
     int m_fd = -1;
 #endif
+    std::string m_path;
     std::uint64_t m_size = 0;
     std::uint32_t m_deviceSectorSize = 0;
     bool m_regularFile = false;

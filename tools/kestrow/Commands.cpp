@@ -818,11 +818,8 @@ int bitmapCommand(Session& session) {
     return EXIT_OK;
 }
 
-} // namespace
-
-int runCommand(Session& session) {
+int dispatchCommand(Session& session) {
     const std::string& command = session.options().command;
-    session.attachDisks();
     if (command == "volumes")
         return volumesCommand(session);
     if (command == "info")
@@ -844,6 +841,24 @@ int runCommand(Session& session) {
     if (command == "bitmap")
         return bitmapCommand(session);
     throw UsageError("unknown command: " + command);
+}
+
+} // namespace
+
+int runCommand(Session& session) {
+    session.attachDisks();
+    int status = EXIT_OK;
+    try {
+        status = dispatchCommand(session);
+    } catch (const CommandError&) {
+        // A disk that failed mid-run explains whatever went wrong after it.
+        session.checkDiskReads();
+        throw;
+    }
+    // Reads made while printing (a path walk that meets a record missing
+    // from the map reads it) are checked too.
+    session.checkDiskReads();
+    return status;
 }
 
 } // namespace kestrow::tool

@@ -1,6 +1,7 @@
 #include "Session.h"
 
 #include <kestrow/Disks.h>
+#include <kestrow/Platform.h>
 
 #include <orv/Format.h>
 #include <orv/Logger.h>
@@ -111,6 +112,7 @@ std::string Session::lastLibraryFailure() const {
 }
 
 void Session::attachDisks() {
+    m_diskReadFailuresBefore = platform::mediumFailures().count;
     std::string error;
     if (!m_options.disks.empty()) {
         if (!platform::attachDisks(m_options.disks, error)) {
@@ -122,6 +124,20 @@ void Session::attachDisks() {
     }
     if (!platform::attachDisksFromEnvironment(error))
         throw CommandError("cannot attach the disks of KESTROW_DISKS: " + error);
+}
+
+void Session::checkDiskReads() const {
+    const platform::MediumFailures failures = platform::mediumFailures();
+    if (failures.count == m_diskReadFailuresBefore)
+        return;
+    const platform::WideString message = platform::errorMessage(failures.error);
+    std::string reason =
+        utf8(orv::String(message.data(), static_cast<unsigned int>(message.size())));
+    while (!reason.empty() && std::isspace(static_cast<unsigned char>(reason.back())))
+        reason.pop_back();
+    throw CommandError("cannot read " + failures.path + " at byte " +
+                       std::to_string(failures.offset) + ": " + reason +
+                       " (it changed or failed while kestrow read it)");
 }
 
 bool Session::usingDiskImages() const {

@@ -10,6 +10,7 @@
 
 #include <orv/String.h>
 
+#include <cstdint>
 #include <memory>
 #include <string>
 #include <vector>
@@ -24,7 +25,18 @@ public:
     Session& operator=(const Session&) = delete;
 
     const Options& options() const { return m_options; }
-    Output& out() { return m_out; }
+    // Where a command prints its result, once it has read what it needs:
+    // first checks that every read of the attached disks succeeded.
+    Output& out() {
+        checkDiskReads();
+        return m_out;
+    }
+
+    // Throws CommandError when a read of an attached disk failed since the
+    // disks were attached (an image that shrank or became unreadable, a
+    // device that failed): the library passes over such records as it would
+    // over damaged ones, and the result would be silently incomplete.
+    void checkDiskReads() const;
 
     // Attaches the --disk images (or KESTROW_DISKS); throws CommandError when
     // one cannot be opened.
@@ -62,6 +74,7 @@ private:
     std::unique_ptr<Volume> m_volume;
     std::unique_ptr<MasterFileTable> m_mft;
     std::vector<std::string> m_failures;
+    std::uint64_t m_diskReadFailuresBefore = 0;
     bool m_watchBufferSizing = false;
     bool m_sizingBuffer = false;
     unsigned long long m_bufferBytes = 0;

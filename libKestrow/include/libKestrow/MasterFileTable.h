@@ -110,12 +110,8 @@ private:
     void sizeRecordHashTable();
 
     bool isBuffered(unsigned long long index) const;
-    const unsigned char* bufferedBytes() const;
-    unsigned long long bufferedByteCount() const;
     const unsigned char* bufferedRecord(unsigned long long index) const;
     bool fillBuffer(unsigned long long sector, unsigned long long byteCount);
-    bool fillBufferThroughView(unsigned long long sector, unsigned long long byteCount);
-    void keepViewedBytesInBuffer();
     bool refreshBuffer(const FileReference& ref);
     const unsigned char* locateRecord(const FileReference& ref);
     bool copyBufferedRecord(unsigned long long index, orv::Buffer<unsigned char>& buffer) const;
@@ -137,10 +133,6 @@ private:
     // parent (most of them, in index order) reuses its path.
     struct ParentPathCache;
 
-    // Read-only views of the MFT's drive that serve the buffered range in
-    // place of a copy, where the platform can map the drive.
-    class DriveView;
-
     bool m_initialized;
     orv::Array<Volume::FileExtent> m_mftExtents;
     VolumeHandle m_mftHandle;
@@ -149,7 +141,6 @@ private:
     unsigned long long m_numMftRecords;
     RecordHashTable m_recordHashTable;
     std::unique_ptr<ParentPathCache> m_pathCache;
-    std::unique_ptr<DriveView> m_driveView;
     // Every key in the record hash table is below this; 0 when that is not
     // known (a copied table). A walk in index order adds keys above it, which
     // need no lookup first.

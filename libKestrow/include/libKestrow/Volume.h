@@ -81,9 +81,6 @@ private:
 
     const VolumeExtent* findVolumeExtent(unsigned long long) const;
     VolumeHandle getVolumeHandle() const;
-    // Traces a sector read that a mapped view of the drive served in place
-    // of readBytesFromSector, as that read would have traced it.
-    void traceReadServedByView() const;
 
     char m_driveLetter;
     orv::String m_path;

@@ -70,4 +70,17 @@ KESTROW_API bool disksAttached();
 KESTROW_API std::vector<DiskInfo> attachedDisks();
 KESTROW_API std::vector<VolumeInfo> attachedVolumes();
 
+// Reads of attached disks that the image or device could not serve although
+// they lay inside it as attached: the image shrank, or the medium failed or
+// went away, while it was in use. Each such read fails (the caller sees the
+// error code) and is counted here, so that a host can tell a damaged or
+// vanishing disk from a merely odd file system.
+struct MediumFailures {
+    std::uint64_t count = 0;  // such reads so far in this process
+    std::string path;         // the image or device of the last one
+    std::uint64_t offset = 0; // its byte offset on that disk
+    std::uint32_t error = 0;  // its Windows error code
+};
+KESTROW_API MediumFailures mediumFailures();
+
 } // namespace kestrow::platform
