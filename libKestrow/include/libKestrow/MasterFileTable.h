@@ -132,6 +132,10 @@ private:
     // The last full-path walk, kept so that the next record with the same
     // parent (most of them, in index order) reuses its path.
     struct ParentPathCache;
+    // Frees the cache where its type is known (with the parent walks).
+    struct ParentPathCacheDeleter {
+        void operator()(ParentPathCache* cache) const noexcept;
+    };
 
     bool m_initialized;
     orv::Array<Volume::FileExtent> m_mftExtents;
@@ -140,7 +144,7 @@ private:
     Volume& m_volume;
     unsigned long long m_numMftRecords;
     RecordHashTable m_recordHashTable;
-    std::unique_ptr<ParentPathCache> m_pathCache;
+    std::unique_ptr<ParentPathCache, ParentPathCacheDeleter> m_pathCache;
     // Every key in the record hash table is below this; 0 when that is not
     // known (a copied table). A walk in index order adds keys above it, which
     // need no lookup first.
