@@ -1,5 +1,7 @@
 #include <orv/Allocator.h>
 
+#include <kestrow/Platform.h>
+
 #include <cstdlib>
 #include <mutex>
 #include <new>
@@ -21,6 +23,13 @@ namespace {
 [[maybe_unused]] constexpr std::size_t GRANULE = 16;
 [[maybe_unused]] constexpr std::size_t CLASS_COUNT = Allocator::MAX_POOLED_SIZE / GRANULE;
 [[maybe_unused]] constexpr std::size_t SLAB_SIZE = 64 * 1024;
+// Slabs are cut from arenas taken from the system in one piece: a whole-MFT
+// scan fills hundreds of slabs, and an arena of the largest size costs one
+// call and, where the system has huge pages, one page fault. Arenas start
+// small and double up to that size, so that a program that allocates little
+// holds little.
+[[maybe_unused]] constexpr std::size_t FIRST_ARENA_SIZE = 4 * SLAB_SIZE;
+[[maybe_unused]] constexpr std::size_t ARENA_SIZE = 2 * 1024 * 1024;
 
 thread_local unsigned long long t_heapAllocations = 0;
 
@@ -38,16 +47,33 @@ struct FreeBlock {
     FreeBlock* next;
 };
 
-// Free lists per size class. Slabs are never returned to the heap: the pool
-// only ever holds as much as the peak of live blocks.
+// A block from the system (zeroed); throws std::bad_alloc when there is none.
+void* systemBlock(std::size_t size) {
+    void* block = kestrow::platform::VirtualAlloc(nullptr, size, MEM_RESERVE | MEM_COMMIT,
+                                                  PAGE_READWRITE);
+    if (block == nullptr)
+        throw std::bad_alloc();
+    ++t_heapAllocations;
+    return block;
+}
+
+// Free lists per size class, then the unused rest of each class's slab. A
+// slab is handed out block by block as it is needed, so its pages are first
+// touched by their first user. Slabs are never returned to the system: the
+// pool only ever holds as much as the peak of live blocks.
 class Pool {
 public:
     void* allocate(std::size_t size) {
         const std::size_t cls = classOf(size);
-        if (m_free[cls] == nullptr)
+        if (FreeBlock* block = m_free[cls]) {
+            m_free[cls] = block->next;
+            return block;
+        }
+        const std::size_t blockSize = cls * GRANULE;
+        if (m_slabEnd[cls] - m_slabNext[cls] < static_cast<std::ptrdiff_t>(blockSize))
             refill(cls);
-        FreeBlock* block = m_free[cls];
-        m_free[cls] = block->next;
+        void* block = m_slabNext[cls];
+        m_slabNext[cls] += blockSize;
         return block;
     }
 
@@ -63,23 +89,26 @@ public:
 private:
     static std::size_t classOf(std::size_t size) { return (size + GRANULE - 1) / GRANULE; }
 
+    // A new slab for the class, from the current arena or a new one. The few
+    // bytes left at the end of the old slab are not used.
     ORV_NOINLINE void refill(std::size_t cls) {
-        const std::size_t blockSize = cls * GRANULE;
-        void* slab = std::malloc(SLAB_SIZE);
-        if (slab == nullptr)
-            throw std::bad_alloc();
-        ++t_heapAllocations;
-        auto* bytes = static_cast<unsigned char*>(slab);
-        FreeBlock* head = nullptr;
-        for (std::size_t i = SLAB_SIZE / blockSize; i-- > 0;) {
-            auto* block = reinterpret_cast<FreeBlock*>(bytes + i * blockSize);
-            block->next = head;
-            head = block;
+        if (m_arenaEnd - m_arenaNext < static_cast<std::ptrdiff_t>(SLAB_SIZE)) {
+            m_arenaNext = static_cast<unsigned char*>(systemBlock(m_arenaSize));
+            m_arenaEnd = m_arenaNext + m_arenaSize;
+            if (m_arenaSize < ARENA_SIZE)
+                m_arenaSize *= 2;
         }
-        m_free[cls] = head;
+        m_slabNext[cls] = m_arenaNext;
+        m_slabEnd[cls] = m_arenaNext + SLAB_SIZE;
+        m_arenaNext += SLAB_SIZE;
     }
 
     FreeBlock* m_free[CLASS_COUNT + 1] = {};
+    unsigned char* m_slabNext[CLASS_COUNT + 1] = {};
+    unsigned char* m_slabEnd[CLASS_COUNT + 1] = {};
+    unsigned char* m_arenaNext = nullptr;
+    unsigned char* m_arenaEnd = nullptr;
+    std::size_t m_arenaSize = FIRST_ARENA_SIZE;
 };
 
 // Each thread works on a pool of its own, without locking. When a thread
@@ -158,8 +187,22 @@ void* Allocator::allocate(std::size_t size) {
         std::lock_guard<std::mutex> lock(g_sharedMutex);
         return g_sharedPool.allocate(size);
     }
+    if (size >= LARGE_BLOCK_SIZE)
+        return systemBlock(size);
 #endif
     return heapAllocate(size);
+}
+
+void* Allocator::allocateZeroed(std::size_t size) {
+#if !defined(ORV_POOL_DISABLED)
+    if (size >= LARGE_BLOCK_SIZE)
+        return systemBlock(size); // the system's blocks come zeroed
+#endif
+    void* block = std::calloc(size == 0 ? 1 : size, 1);
+    if (block == nullptr)
+        throw std::bad_alloc();
+    ++t_heapAllocations;
+    return block;
 }
 
 void Allocator::deallocate(void* block, std::size_t size) noexcept {
@@ -173,6 +216,10 @@ void Allocator::deallocate(void* block, std::size_t size) noexcept {
         }
         std::lock_guard<std::mutex> lock(g_sharedMutex);
         g_sharedPool.deallocate(block, size);
+        return;
+    }
+    if (size >= LARGE_BLOCK_SIZE) {
+        kestrow::platform::VirtualFree(block, 0, MEM_RELEASE);
         return;
     }
 #else

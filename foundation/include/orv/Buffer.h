@@ -8,6 +8,8 @@
 
 #include <kestrow/Export.h>
 
+#include <orv/Allocator.h>
+
 #include <cstdlib>
 #include <cstring>
 #include <new>
@@ -60,7 +62,7 @@ public:
     // Frees the block if it is owned, then clears all three fields.
     void release() noexcept {
         if (m_capacity != 0)
-            std::free(m_data);
+            freeBlock(m_data, m_capacity);
         m_data = nullptr;
         m_size = 0;
         m_capacity = 0;
@@ -120,16 +122,27 @@ public:
     bool ownsData() const noexcept { return m_capacity != 0; }
 
 private:
-    // Large blocks (the record buffer may be hundreds of MiB) come straight
-    // from the heap; zeroed ones from calloc so untouched pages cost nothing.
+    // Small blocks come from the heap. Large ones (the record buffer may be
+    // hundreds of MiB) come from the system through the foundation's
+    // allocator, zeroed, in whole pages laid on huge pages where it has them:
+    // a read into a fresh buffer then faults once per 2 MiB, not per 4 KiB.
     static T* allocateBlock(unsigned long long n, bool zeroed) {
         if (n > static_cast<unsigned long long>(static_cast<std::size_t>(-1)))
             throw std::bad_alloc();
         const std::size_t bytes = static_cast<std::size_t>(n);
+        if (bytes >= Allocator::LARGE_BLOCK_SIZE)
+            return static_cast<T*>(Allocator::allocateZeroed(bytes));
         void* block = zeroed ? std::calloc(bytes, 1) : std::malloc(bytes);
         if (block == nullptr)
             throw std::bad_alloc();
         return static_cast<T*>(block);
+    }
+
+    static void freeBlock(T* block, unsigned long long capacity) noexcept {
+        if (capacity >= Allocator::LARGE_BLOCK_SIZE)
+            Allocator::deallocate(block, static_cast<std::size_t>(capacity));
+        else
+            std::free(block);
     }
 
     T* m_data;

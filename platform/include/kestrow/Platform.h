@@ -114,6 +114,19 @@ KESTROW_API DWORD GetLastError();
 KESTROW_API void SetLastError(DWORD code);
 KESTROW_API WideString errorMessage(DWORD code);
 
+// Memory straight from the system, for large and long-lived blocks (the
+// foundation's pool, big buffers): VirtualAlloc with MEM_RESERVE | MEM_COMMIT
+// and PAGE_READWRITE, released with VirtualFree(block, 0, MEM_RELEASE), as on
+// Windows; the block is zeroed. Elsewhere it is an anonymous private mapping
+// whose whole 2 MiB stretches lie on 2 MiB boundaries and are offered huge
+// pages, so that touching them costs one page fault per 2 MiB instead of one
+// per 4 KiB. These two always ask the host: they are not part of the Api a
+// test installs, and other allocation types or protections are refused
+// (ERROR_INVALID_PARAMETER).
+KESTROW_API LPVOID VirtualAlloc(LPVOID address, SIZE_T size, DWORD allocationType,
+                                DWORD protect);
+KESTROW_API BOOL VirtualFree(LPVOID address, SIZE_T size, DWORD freeType);
+
 // Raises the structured exception of a failed foundation assertion. On
 // Windows this is RaiseException; elsewhere it throws
 // kestrow::platform::StructuredException carrying the code.
