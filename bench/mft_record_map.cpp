@@ -1,6 +1,6 @@
-// Whole-MFT throughput on a large tree volume: loading the MFT's bytes (through
-// views of the drive, as the record buffer does, and read into a buffer, as it
-// did before), buildRecordMap, and the full path of every record.
+// Whole-MFT throughput on a large tree volume: loading the MFT's bytes (read
+// into one buffer, as the record buffer does, and through views of the drive,
+// as it once did), buildRecordMap, and the full path of every record.
 //
 // The image is KESTROW_BENCH_IMAGE, or the 100k-file tree image in the bench
 // image cache (bench/run.sh or `cmake --build <build> --target
@@ -136,11 +136,11 @@ void reportMftBytes(benchmark::State& state, unsigned long long bytes, const Mft
     state.counters["chunkBytes"] = static_cast<double>(chunks.chunkBytes);
 }
 
-// The floor for buildRecordMap: every byte of every MFT run loaded as the
-// record buffer loads it, through a read-only view of the drive of exactly
-// each chunk (the previous view unmapped once the next stands), and every
-// record copied out of it. Chunks that are not whole 4 KiB pages are read,
-// as the table reads them.
+// Every byte of every MFT run loaded through a read-only view of the drive of
+// exactly each chunk the record buffer reads (the previous view unmapped once
+// the next stands), and every record copied out of it; chunks that are not
+// whole 4 KiB pages are read. Shown beside the floor: the table no longer
+// maps the drive, since a view of an image that shrinks kills the process.
 void BM_ReadMftBytes(benchmark::State& state) {
     namespace platform = kestrow::platform;
     const auto setup = openForFloor(state);
@@ -218,8 +218,9 @@ void BM_ReadMftBytes(benchmark::State& state) {
 }
 BENCHMARK(BM_ReadMftBytes)->Unit(benchmark::kMillisecond)->UseRealTime();
 
-// The former floor: the same chunks read into one buffer with ReadFile,
-// nothing parsed or copied out.
+// The floor for buildRecordMap: the same chunks read with ReadFile (pread in
+// the disk-image backend) into one reused buffer of the table's size, as the
+// record buffer loads them; nothing parsed.
 void BM_ReadMftBytesIntoBuffer(benchmark::State& state) {
     const auto setup = openForFloor(state);
     if (!setup)

@@ -49,8 +49,8 @@ struct FreeBlock {
 
 // A block from the system (zeroed); throws std::bad_alloc when there is none.
 void* systemBlock(std::size_t size) {
-    void* block = kestrow::platform::VirtualAlloc(nullptr, size, MEM_RESERVE | MEM_COMMIT,
-                                                  PAGE_READWRITE);
+    void* block =
+        kestrow::platform::VirtualAlloc(nullptr, size, MEM_RESERVE | MEM_COMMIT, PAGE_READWRITE);
     if (block == nullptr)
         throw std::bad_alloc();
     ++t_heapAllocations;
