@@ -465,6 +465,7 @@ bench_image() {
     # -- page faults, system time and peak memory of each kestrow command
     local res="$out/resources"
     : >"$res"
+    resources "$res" volumes volumes
     resources "$res" info info C:
     resources "$res" paths paths C:
     resources "$res" owner owner C: "$FREE_CLUSTER"
@@ -531,15 +532,23 @@ bench_image() {
     row "$size" "Used clusters of the volume" "kestrow bitmap $(secs "$tkb") ($(fault_text "$res" bitmap))" \
         "blkls -a -l $(secs "$tbl")" "$(ratio_text "$tkb" "$tbl")" "(reported)" "-"
 
-    local peak_paths peak_info per_record
+    # Opening fills the record buffer only as far as the MFT's first run
+    # goes: where that run is shorter than the buffer, the rest of the buffer
+    # is touched later and would count as memory of the walk. The second
+    # figure counts the whole buffer as opened: the peak beyond that of
+    # `kestrow volumes` (the process with the disk attached) and the buffer.
+    local peak_paths peak_info peak_base per_record beyond_buffer
     peak_paths=$(($(resource "$res" paths 4) * 1024))
     peak_info=$(($(resource "$res" info 4) * 1024))
+    peak_base=$(($(resource "$res" volumes 4) * 1024))
     per_record=$(awk -v p="$peak_paths" -v i="$peak_info" -v n="$records" 'BEGIN { printf "%.0f", (p - i) / n }')
+    beyond_buffer=$(awk -v p="$peak_paths" -v v="$peak_base" -v b="$buffer" -v i="$peak_info" -v n="$records" \
+        'BEGIN { o = v + b; if (i > o) o = i; printf "%.0f", (p - o) / n }')
     row "$size" "Memory of kestrow paths beyond opening the volume ($records records)" \
         "peak $(awk -v p="$peak_paths" 'BEGIN { printf "%.1f MiB", p / 1048576 }')" \
         "kestrow info $(awk -v p="$peak_info" 'BEGIN { printf "%.1f MiB", p / 1048576 }') (buffer $(awk -v b="$buffer" 'BEGIN { printf "%.1f MiB", b / 1048576 }'))" \
-        "$per_record B/record" "<=150 B/record" \
-        "$(awk -v r="$per_record" 'BEGIN { print (r <= 150 ? "met" : "missed") }')"
+        "$per_record B/record beyond info; $beyond_buffer B/record beyond the whole buffer" "<=150 B/record" \
+        "$(awk -v r="$beyond_buffer" 'BEGIN { print (r <= 150 ? "met" : "missed") }')"
 
     {
         echo "$size timings (min..max over $RUNS run(s)):"
@@ -552,7 +561,7 @@ bench_image() {
         awk -v r="${read_f[0]}" -v c="${read_f[2]:-0}" -v v="${view_f[0]:-}" -v b="${build_f[0]}" -v o="${open_f[0]}" 'BEGIN {
             printf "  bench_mft_record_map: pread floor %.1f ms (reads of %.0f bytes into one buffer), the same chunks through views %s, buildRecordMap %.1f ms, open + buildRecordMap %.1f ms\n",
                 r, c, (v == "" ? "n/a" : sprintf("%.1f ms", v)), b, o }'
-        for f in info paths owner bitmap; do
+        for f in volumes info paths owner bitmap; do
             printf '  kestrow %-7s %8d minor page faults, system time %6.3f s, peak resident %7d KiB\n' "$f" \
                 "$(resource "$res" "$f" 2)" "$(resource "$res" "$f" 3)" "$(resource "$res" "$f" 4)"
         done
