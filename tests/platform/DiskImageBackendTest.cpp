@@ -12,6 +12,7 @@
 
 #include <cstdlib>
 #include <cstring>
+#include <filesystem>
 #include <vector>
 
 namespace {
@@ -515,6 +516,41 @@ TEST(DamagedVolume, UnreadableMftRecordZeroIsARawVolumeThatStillReadsSectors) {
     DWORD got = 0;
     EXPECT_TRUE(platform::ReadFile(volume.get(), sector.data(), 512, &got, nullptr));
     EXPECT_EQ(got, 512u);
+}
+
+// Another program truncates the image while it is attached: the bytes it
+// still has read as before, the rest fail (never a short read passed off as
+// the data), and each failure is counted with where it happened.
+TEST(DamagedVolume, AnImageThatShrinksWhileAttachedFailsTheReadsPastItsNewEnd) {
+    kestrow::test::ScratchImage scratch(kestrow::test::bareVolume());
+    AttachedDisks attached(scratch.path());
+    Handle disk("\\\\.\\PhysicalDrive0");
+    ASSERT_TRUE(disk.valid());
+    constexpr std::uint64_t KEPT = 64 * 1024;
+    constexpr DWORD CHUNK = 4096;
+    std::filesystem::resize_file(scratch.path(), KEPT);
+    const std::uint64_t failuresBefore = platform::mediumFailures().count;
+
+    auto readAt = [&](std::uint64_t offset, DWORD count, DWORD& got) {
+        LARGE_INTEGER at;
+        at.QuadPart = static_cast<LONGLONG>(offset);
+        std::vector<std::uint8_t> buffer(count);
+        return platform::SetFilePointerEx(disk.get(), at, nullptr, FILE_BEGIN) &&
+               platform::ReadFile(disk.get(), buffer.data(), count, &got, nullptr);
+    };
+    DWORD got = 0;
+    EXPECT_TRUE(readAt(KEPT - CHUNK, CHUNK, got));
+    EXPECT_EQ(got, CHUNK);
+    EXPECT_FALSE(readAt(KEPT - CHUNK, 2 * CHUNK, got)) << "a read across the new end";
+    EXPECT_EQ(platform::GetLastError(), static_cast<DWORD>(ERROR_HANDLE_EOF));
+    EXPECT_FALSE(readAt(KEPT + 4 * CHUNK, CHUNK, got)) << "a read past the new end";
+    EXPECT_EQ(platform::GetLastError(), static_cast<DWORD>(ERROR_HANDLE_EOF));
+
+    const platform::MediumFailures failures = platform::mediumFailures();
+    EXPECT_EQ(failures.count, failuresBefore + 2);
+    EXPECT_EQ(failures.path, scratch.path().string());
+    EXPECT_EQ(failures.offset, KEPT + 4 * CHUNK);
+    EXPECT_EQ(failures.error, static_cast<DWORD>(ERROR_HANDLE_EOF));
 }
 
 TEST(DamagedVolume, NothingWritesToTheImages) {
