@@ -9,33 +9,6 @@ namespace kestrow::platform::disk {
 
 namespace {
 
-// Attribute header, common part and the two forms.
-namespace attrHeader {
-constexpr std::size_t kType = 0x00;
-constexpr std::size_t kLength = 0x04;
-constexpr std::size_t kNonResident = 0x08;
-constexpr std::size_t kNameLength = 0x09;
-constexpr std::size_t kNameOffset = 0x0A;
-constexpr std::size_t kFlags = 0x0C;
-constexpr std::size_t kResidentValueLength = 0x10;
-constexpr std::size_t kResidentValueOffset = 0x14;
-constexpr std::size_t kLowestVcn = 0x10;
-constexpr std::size_t kRunListOffset = 0x20;
-constexpr std::size_t kAllocatedSize = 0x28;
-constexpr std::size_t kDataSize = 0x30;
-constexpr std::size_t kInitializedSize = 0x38;
-constexpr std::size_t kMinimumLength = 0x18;
-constexpr std::size_t kMinimumNonResidentLength = 0x40;
-} // namespace attrHeader
-
-// $ATTRIBUTE_LIST entry. Its type (at 0x00) is not needed: every record an
-// entry names is read whole.
-namespace listEntry {
-constexpr std::size_t kLength = 0x04;
-constexpr std::size_t kRecord = 0x10;
-constexpr std::size_t kMinimumLength = 0x1A;
-} // namespace listEntry
-
 // $INDEX_ROOT, index header, index entry and $FILE_NAME key.
 namespace index {
 constexpr std::size_t kRootBlockSize = 0x08;
@@ -63,124 +36,14 @@ constexpr std::uint32_t kType = 0x70;
 constexpr std::size_t kMajorVersion = 0x08;
 } // namespace volumeInformation
 
-constexpr std::uint64_t kReferenceMask = 0x0000FFFFFFFFFFFFull;
 constexpr std::size_t kUpcaseEntries = 65536;
-constexpr std::size_t kFixupStride = 512;
 const std::u16string kIndexName = u"$I30";
 
 // Limits on what disk values can make the reader do.
 constexpr std::size_t kMaxAttributeListBytes = 4u << 20;
 constexpr std::size_t kMaxExtensionRecords = 4096;
-constexpr std::size_t kMaxResidentValue = 1u << 20;
 constexpr std::uint64_t kMaxIndexBlocks = 1u << 22;
 constexpr std::size_t kMaxMftBootstrapPasses = 16;
-
-std::uint64_t signExtended(std::uint64_t raw, unsigned bytes) {
-    if (bytes == 0 || bytes >= 8)
-        return raw;
-    const std::uint64_t sign = std::uint64_t{1} << (bytes * 8 - 1);
-    return (raw ^ sign) - sign;
-}
-
-std::u16string utf16At(const LeView& view, std::size_t offset, std::size_t units) {
-    std::u16string text;
-    if (!view.has(offset, units * 2))
-        return text;
-    text.reserve(units);
-    for (std::size_t i = 0; i < units; ++i)
-        text.push_back(static_cast<char16_t>(view.u16(offset + 2 * i)));
-    return text;
-}
-
-// One attribute as stored in one record (before merging pieces).
-struct AttributePiece {
-    NtfsAttribute attribute;
-    std::uint64_t lowestVcn = 0;
-};
-
-// Parses the attributes of one fixed-up FILE record. Stops quietly at the
-// first damaged header: what came before it is still good.
-void parseRecordAttributes(const std::vector<std::uint8_t>& record,
-                           std::vector<AttributePiece>& pieces) {
-    const LeView view(record.data(), record.size());
-    const std::size_t limit = std::min<std::size_t>(view.u32(fileRecord::kBytesInUse), view.size());
-    std::size_t offset = view.u16(fileRecord::kFirstAttribute);
-    // Each attribute takes at least 16 bytes, which bounds the walk.
-    for (std::size_t guard = 0; guard < record.size() / 16; ++guard) {
-        if (!view.has(offset, 8) || offset + 8 > limit)
-            return;
-        const std::uint32_t type = view.u32(offset + attrHeader::kType);
-        if (type == attr::kEnd)
-            return;
-        const std::uint32_t length = view.u32(offset + attrHeader::kLength);
-        if (length < attrHeader::kMinimumLength || length > limit - offset || (length % 8) != 0)
-            return;
-        const LeView header = view.sub(offset, length);
-        AttributePiece piece;
-        NtfsAttribute& attribute = piece.attribute;
-        attribute.type = type;
-        attribute.nonResident = header.u8(attrHeader::kNonResident) != 0;
-        attribute.flags = header.u16(attrHeader::kFlags);
-        attribute.name = utf16At(header, header.u16(attrHeader::kNameOffset),
-                                 header.u8(attrHeader::kNameLength));
-        if (!attribute.nonResident) {
-            const std::uint32_t valueLength = header.u32(attrHeader::kResidentValueLength);
-            const std::uint16_t valueOffset = header.u16(attrHeader::kResidentValueOffset);
-            if (header.has(valueOffset, valueLength) && valueLength <= kMaxResidentValue)
-                attribute.value.assign(header.data() + valueOffset,
-                                       header.data() + valueOffset + valueLength);
-        } else if (length >= attrHeader::kMinimumNonResidentLength) {
-            piece.lowestVcn = header.u64(attrHeader::kLowestVcn);
-            attribute.lowestVcn = piece.lowestVcn;
-            attribute.allocatedSize = header.u64(attrHeader::kAllocatedSize);
-            attribute.dataSize = header.u64(attrHeader::kDataSize);
-            attribute.initializedSize = header.u64(attrHeader::kInitializedSize);
-            const std::uint16_t runsOffset = header.u16(attrHeader::kRunListOffset);
-            if (runsOffset < length) {
-                std::string ignored;
-                // A damaged run list keeps the runs before the damage.
-                decodeRunList(header.sub(runsOffset, length - runsOffset), piece.lowestVcn,
-                              attribute.runs, ignored);
-            }
-        } else {
-            return;
-        }
-        pieces.push_back(std::move(piece));
-        offset += length;
-    }
-}
-
-// Joins the pieces of each non-resident attribute (same type and name) in
-// VCN order; the sizes come from the piece at VCN 0.
-std::vector<NtfsAttribute> mergePieces(std::vector<AttributePiece> pieces) {
-    std::stable_sort(pieces.begin(), pieces.end(),
-                     [](const AttributePiece& a, const AttributePiece& b) {
-                         if (a.attribute.type != b.attribute.type)
-                             return a.attribute.type < b.attribute.type;
-                         if (a.attribute.name != b.attribute.name)
-                             return a.attribute.name < b.attribute.name;
-                         return a.lowestVcn < b.lowestVcn;
-                     });
-    std::vector<NtfsAttribute> merged;
-    for (AttributePiece& piece : pieces) {
-        NtfsAttribute& next = piece.attribute;
-        if (next.nonResident && !merged.empty()) {
-            NtfsAttribute& last = merged.back();
-            if (last.nonResident && last.type == next.type && last.name == next.name) {
-                // Only pieces that continue where the last one ended are
-                // joined; an overlapping (duplicated) piece is dropped.
-                const std::uint64_t end = last.runs.empty()
-                                              ? last.lowestVcn
-                                              : last.runs.back().vcn + last.runs.back().length;
-                if (piece.lowestVcn >= end)
-                    last.runs.insert(last.runs.end(), next.runs.begin(), next.runs.end());
-                continue;
-            }
-        }
-        merged.push_back(std::move(next));
-    }
-    return merged;
-}
 
 // The FILE_ATTRIBUTE_* values that $STANDARD_INFORMATION keeps and Windows
 // passes on to GetFileAttributesW.
@@ -189,96 +52,6 @@ constexpr DWORD kDirectoryAttribute = 0x00000010u;
 constexpr DWORD kNormalAttribute = 0x00000080u;
 
 } // namespace
-
-const NtfsAttribute* findAttribute(const std::vector<NtfsAttribute>& attributes, std::uint32_t type,
-                                   const std::u16string& name) {
-    for (const NtfsAttribute& attribute : attributes) {
-        if (attribute.type == type && attribute.name == name)
-            return &attribute;
-    }
-    return nullptr;
-}
-
-bool decodeRunList(const LeView& bytes, std::uint64_t startVcn, std::vector<DataRun>& runs,
-                   std::string& error) {
-    std::size_t position = 0;
-    std::uint64_t vcn = startVcn;
-    std::int64_t lcn = 0;
-    // Each run takes at least two bytes, which bounds the walk.
-    for (std::size_t guard = 0; guard <= bytes.size() / 2; ++guard) {
-        if (!bytes.has(position, 1)) {
-            error = "run list has no terminator";
-            return false;
-        }
-        const std::uint8_t header = bytes.u8(position);
-        if (header == 0)
-            return true;
-        const unsigned lengthBytes = header & 0x0F;
-        const unsigned offsetBytes = header >> 4;
-        if (lengthBytes == 0 || lengthBytes > 8 || offsetBytes > 8) {
-            error = "bad run header";
-            return false;
-        }
-        if (!bytes.has(position + 1, lengthBytes + offsetBytes)) {
-            error = "run list runs past its attribute";
-            return false;
-        }
-        std::uint64_t length = 0;
-        for (unsigned i = 0; i < lengthBytes; ++i)
-            length |= std::uint64_t{bytes.u8(position + 1 + i)} << (8 * i);
-        std::uint64_t rawOffset = 0;
-        for (unsigned i = 0; i < offsetBytes; ++i)
-            rawOffset |= std::uint64_t{bytes.u8(position + 1 + lengthBytes + i)} << (8 * i);
-        if (length == 0 || static_cast<std::int64_t>(length) < 0) {
-            error = "bad run length";
-            return false;
-        }
-        DataRun run;
-        run.vcn = vcn;
-        run.length = length;
-        if (offsetBytes == 0) {
-            run.lcn = -1;
-        } else {
-            const auto delta = static_cast<std::int64_t>(signExtended(rawOffset, offsetBytes));
-            if ((delta > 0 && lcn > INT64_MAX - delta) || lcn + delta < 0) {
-                error = "run starts before the volume";
-                return false;
-            }
-            lcn += delta;
-            run.lcn = lcn;
-        }
-        // VCNs are signed 64-bit numbers on disk and in the control replies.
-        if (vcn > static_cast<std::uint64_t>(INT64_MAX) - length) {
-            error = "run list overflows the VCN range";
-            return false;
-        }
-        vcn += length;
-        runs.push_back(run);
-        position += 1 + lengthBytes + offsetBytes;
-    }
-    error = "run list too long";
-    return false;
-}
-
-bool applyFixups(std::uint8_t* block, std::size_t size) {
-    const LeView view(block, size);
-    const std::uint16_t usaOffset = view.u16(fileRecord::kUsaOffset);
-    const std::uint16_t usaCount = view.u16(fileRecord::kUsaCount);
-    if (!view.ok() || usaCount < 2 || (usaCount - 1) * kFixupStride > size ||
-        !view.has(usaOffset, std::size_t{usaCount} * 2) || (usaOffset & 1) != 0)
-        return false;
-    const std::uint16_t sequence = view.u16(usaOffset);
-    for (std::size_t i = 1; i < usaCount; ++i) {
-        const std::size_t last = i * kFixupStride - 2;
-        if (LeView(block, size).u16(last) != sequence)
-            return false;
-    }
-    for (std::size_t i = 1; i < usaCount; ++i) {
-        const std::size_t last = i * kFixupStride - 2;
-        storeLe16(block + last, view.u16(usaOffset + 2 * i));
-    }
-    return true;
-}
 
 char16_t simpleUpcase(char16_t unit) {
     if (unit >= u'a' && unit <= u'z')

@@ -11,6 +11,7 @@
 #include "BootSector.h"
 #include "ByteSource.h"
 #include "LittleEndian.h"
+#include "NtfsRecord.h"
 
 #include <kestrow/WinTypes.h>
 
@@ -22,85 +23,12 @@
 
 namespace kestrow::platform::disk {
 
-// One run of a non-resident attribute: `length` clusters from `vcn`, stored
-// from `lcn` on, or not stored at all (sparse) when lcn is -1.
-struct DataRun {
-    std::uint64_t vcn = 0;
-    std::uint64_t length = 0;
-    std::int64_t lcn = -1;
-
-    bool operator==(const DataRun&) const = default;
-};
-
-// Decodes a run list (mapping pairs) whose first run starts at `startVcn`,
-// up to its terminating zero byte. False, with `error` set, when the list is
-// malformed (a bad header, a field past the end, a zero length, an LCN below
-// zero or a VCN overflow); runs decoded before the fault are kept.
-bool decodeRunList(const LeView& bytes, std::uint64_t startVcn, std::vector<DataRun>& runs,
-                   std::string& error);
-
-// Applies the update sequence array of a multi-sector structure (FILE
-// record, INDX block) in place: checks that each 512-byte stride ends with
-// the sequence number and puts back the saved bytes. False when the array
-// does not fit the block or a stride does not match (a torn write).
-bool applyFixups(std::uint8_t* block, std::size_t size);
-
-// FILE record header.
-namespace fileRecord {
-constexpr char kMagic[] = "FILE";
-constexpr std::size_t kUsaOffset = 0x04;
-constexpr std::size_t kUsaCount = 0x06;
-constexpr std::size_t kFirstAttribute = 0x14;
-constexpr std::size_t kFlags = 0x16;
-constexpr std::size_t kBytesInUse = 0x18;
-constexpr std::size_t kBytesAllocated = 0x1C; // the record's size
-constexpr std::size_t kBaseRecord = 0x20;
-constexpr std::uint16_t kInUse = 0x0001;
-constexpr std::uint16_t kDirectory = 0x0002;
-} // namespace fileRecord
-
 // $FILE_NAME value (also the key of a directory index entry).
 namespace fileName {
 constexpr std::size_t kParent = 0x00;
 constexpr std::size_t kNameLength = 0x40;
 constexpr std::size_t kName = 0x42;
 } // namespace fileName
-
-namespace attr {
-constexpr std::uint32_t kStandardInformation = 0x10;
-constexpr std::uint32_t kAttributeList = 0x20;
-constexpr std::uint32_t kFileName = 0x30;
-constexpr std::uint32_t kVolumeName = 0x60;
-constexpr std::uint32_t kData = 0x80;
-constexpr std::uint32_t kIndexRoot = 0x90;
-constexpr std::uint32_t kIndexAllocation = 0xA0;
-constexpr std::uint32_t kBitmap = 0xB0;
-constexpr std::uint32_t kEnd = 0xFFFFFFFF;
-} // namespace attr
-
-namespace attrFlag {
-constexpr std::uint16_t kCompressed = 0x0001;
-constexpr std::uint16_t kEncrypted = 0x4000;
-constexpr std::uint16_t kSparse = 0x8000;
-} // namespace attrFlag
-
-// One attribute of a file, its pieces from all extension records merged.
-struct NtfsAttribute {
-    std::uint32_t type = 0;
-    std::u16string name;
-    bool nonResident = false;
-    std::uint16_t flags = 0;         // kCompressed, kEncrypted, kSparse
-    std::vector<std::uint8_t> value; // resident value
-    std::uint64_t allocatedSize = 0; // non-resident sizes, from the piece at VCN 0
-    std::uint64_t dataSize = 0;
-    std::uint64_t initializedSize = 0;
-    std::vector<DataRun> runs;   // non-resident runs, in VCN order
-    std::uint64_t lowestVcn = 0; // of the piece this came from (before merging)
-};
-
-// The attribute of this type and name, or null.
-const NtfsAttribute* findAttribute(const std::vector<NtfsAttribute>& attributes, std::uint32_t type,
-                                   const std::u16string& name);
 
 // Well-known record numbers.
 namespace record {
