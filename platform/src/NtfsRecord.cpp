@@ -26,7 +26,20 @@ std::u16string utf16At(const LeView& view, std::size_t offset, std::size_t units
     return text;
 }
 
-void parseRecordAttributes(const std::vector<std::uint8_t>& record,
+bool readFileRecordHeader(const LeView& record, FileRecordHeader& header) {
+    if (!record.bytesEqual(0, fileRecord::kMagic, 4) || !record.has(0, fileRecord::kBaseRecord + 8))
+        return false;
+    header.logSequenceNumber = record.u64(fileRecord::kLogSequenceNumber);
+    header.sequence = record.u16(fileRecord::kSequenceNumber);
+    header.linkCount = record.u16(fileRecord::kLinkCount);
+    header.flags = record.u16(fileRecord::kFlags);
+    header.bytesInUse = record.u32(fileRecord::kBytesInUse);
+    header.bytesAllocated = record.u32(fileRecord::kBytesAllocated);
+    header.baseRecord = record.u64(fileRecord::kBaseRecord);
+    return true;
+}
+
+bool parseRecordAttributes(const std::vector<std::uint8_t>& record,
                            std::vector<AttributePiece>& pieces) {
     const LeView view(record.data(), record.size());
     const std::size_t limit = std::min<std::size_t>(view.u32(fileRecord::kBytesInUse), view.size());
@@ -34,19 +47,20 @@ void parseRecordAttributes(const std::vector<std::uint8_t>& record,
     // Each attribute takes at least 16 bytes, which bounds the walk.
     for (std::size_t guard = 0; guard < record.size() / 16; ++guard) {
         if (!view.has(offset, 8) || offset + 8 > limit)
-            return;
+            return offset >= limit;
         const std::uint32_t type = view.u32(offset + attrHeader::kType);
         if (type == attr::kEnd)
-            return;
+            return true;
         const std::uint32_t length = view.u32(offset + attrHeader::kLength);
         if (length < attrHeader::kMinimumLength || length > limit - offset || (length % 8) != 0)
-            return;
+            return false;
         const LeView header = view.sub(offset, length);
         AttributePiece piece;
         NtfsAttribute& attribute = piece.attribute;
         attribute.type = type;
         attribute.nonResident = header.u8(attrHeader::kNonResident) != 0;
         attribute.flags = header.u16(attrHeader::kFlags);
+        attribute.id = header.u16(attrHeader::kId);
         attribute.name = utf16At(header, header.u16(attrHeader::kNameOffset),
                                  header.u8(attrHeader::kNameLength));
         if (!attribute.nonResident) {
@@ -69,11 +83,12 @@ void parseRecordAttributes(const std::vector<std::uint8_t>& record,
                               attribute.runs, ignored);
             }
         } else {
-            return;
+            return false;
         }
         pieces.push_back(std::move(piece));
         offset += length;
     }
+    return false;
 }
 
 std::vector<NtfsAttribute> mergePieces(std::vector<AttributePiece> pieces) {

@@ -25,6 +25,9 @@ constexpr std::size_t kUsaCount = 0x06;
 constexpr std::size_t kFirstAttribute = 0x14;
 constexpr std::size_t kFlags = 0x16;
 constexpr std::size_t kBytesInUse = 0x18;
+constexpr std::size_t kLogSequenceNumber = 0x08;
+constexpr std::size_t kSequenceNumber = 0x10;
+constexpr std::size_t kLinkCount = 0x12;
 constexpr std::size_t kBytesAllocated = 0x1C; // the record's size
 constexpr std::size_t kBaseRecord = 0x20;
 constexpr std::uint16_t kInUse = 0x0001;
@@ -39,6 +42,7 @@ constexpr std::size_t kNonResident = 0x08;
 constexpr std::size_t kNameLength = 0x09;
 constexpr std::size_t kNameOffset = 0x0A;
 constexpr std::size_t kFlags = 0x0C;
+constexpr std::size_t kId = 0x0E;
 constexpr std::size_t kResidentValueLength = 0x10;
 constexpr std::size_t kResidentValueOffset = 0x14;
 constexpr std::size_t kLowestVcn = 0x10;
@@ -52,8 +56,13 @@ constexpr std::size_t kMinimumNonResidentLength = 0x40;
 
 // $ATTRIBUTE_LIST entry.
 namespace listEntry {
+constexpr std::size_t kType = 0x00;
 constexpr std::size_t kLength = 0x04;
+constexpr std::size_t kNameLength = 0x06;
+constexpr std::size_t kNameOffset = 0x07;
+constexpr std::size_t kStartingVcn = 0x08;
 constexpr std::size_t kRecord = 0x10;
+constexpr std::size_t kId = 0x18;
 constexpr std::size_t kMinimumLength = 0x1A;
 } // namespace listEntry
 
@@ -109,6 +118,7 @@ struct NtfsAttribute {
     std::u16string name;
     bool nonResident = false;
     std::uint16_t flags = 0;         // kCompressed, kEncrypted, kSparse
+    std::uint16_t id = 0;            // the attribute id, unique within its record
     std::vector<std::uint8_t> value; // resident value
     std::uint64_t allocatedSize = 0; // non-resident sizes, from the piece at VCN 0
     std::uint64_t dataSize = 0;
@@ -126,9 +136,25 @@ struct AttributePiece {
 // `units` UTF-16 units at `offset`; empty when they do not fit the view.
 std::u16string utf16At(const LeView& view, std::size_t offset, std::size_t units);
 
+// The header of one FILE record.
+struct FileRecordHeader {
+    std::uint64_t logSequenceNumber = 0;
+    std::uint16_t sequence = 0;
+    std::uint16_t linkCount = 0;
+    std::uint16_t flags = 0; // fileRecord::kInUse, kDirectory
+    std::uint32_t bytesInUse = 0;
+    std::uint32_t bytesAllocated = 0;
+    std::uint64_t baseRecord = 0; // a whole file reference; 0 for a base record
+};
+
+// Reads the header; false when the block is too short to hold one or does
+// not begin with "FILE".
+bool readFileRecordHeader(const LeView& record, FileRecordHeader& header);
+
 // Parses the attributes of one fixed-up FILE record. Stops quietly at the
-// first damaged header: what came before it is still good.
-void parseRecordAttributes(const std::vector<std::uint8_t>& record,
+// first damaged header: what came before it is still good. True when the walk
+// ended at the end marker or the bytes in use, false when damage stopped it.
+bool parseRecordAttributes(const std::vector<std::uint8_t>& record,
                            std::vector<AttributePiece>& pieces);
 
 // Joins the pieces of each non-resident attribute (same type and name) in

@@ -22,10 +22,14 @@ constexpr CommandHelp COMMANDS[] = {
     {"info", "kestrow info C:",
      "Shows the volume's description, then its MFT: the runs on the drive, the\n"
      "record slots they hold and the record size.\n"},
-    {"record", "kestrow record C: N",
+    {"record", "kestrow record C: N [--all]",
      "Shows MFT record N: name, full path, parent, times (ISO 8601, UTC),\n"
      "attribute flags, sizes, attributes, external references, cluster ranges\n"
-     "and, for a directory, the entries of its index.\n"},
+     "and, for a directory, the entries of its index.\n"
+     "With --all, shows what the analysts' record reader sees, for a free\n"
+     "(deleted) record too: the header (sequence, flags, link count, base\n"
+     "record, LSN), the $STANDARD_INFORMATION times and flags, every\n"
+     "$FILE_NAME with its own times, every stream and the attribute list.\n"},
     {"ls", "kestrow ls C: PATH-OR-INDEX",
      "Lists a directory's children: record index, name, size, modification\n"
      "time and a directory flag. PATH may be \\\\.\\C:\\Dir, C:\\Dir or /Dir; a\n"
@@ -33,6 +37,14 @@ constexpr CommandHelp COMMANDS[] = {
     {"paths", "kestrow paths C:",
      "Prints every in-use record with its full path, one per line, in record\n"
      "order (the counterpart of `fls -r -p`).\n"},
+    {"timeline", "kestrow timeline C: [--csv | --jsonl]",
+     "Writes every file's times as a bodyfile (The Sleuth Kit 3.0+ format, for\n"
+     "`mactime -b`), like `fls -r -m /`: a line per stream with the\n"
+     "$STANDARD_INFORMATION times, a \"($FILE_NAME)\" line per name with its\n"
+     "own times, named streams as name:stream, and deleted records still in\n"
+     "free MFT slots marked \"(deleted)\" with the path their parents give.\n"
+     "--csv: a header row, then one row per record and name with both time\n"
+     "sets in ISO 8601 UTC. --jsonl: one JSON object per record.\n"},
     {"find", "kestrow find C: PATH",
      "Prints the records whose full path is PATH (the last name must match in\n"
      "its stored letter case).\n"},
@@ -61,6 +73,7 @@ constexpr const char* GENERAL_HELP =
     "  record C: N                   one MFT record\n"
     "  ls C: PATH-OR-INDEX           a directory's children\n"
     "  paths C:                      every in-use record with its full path\n"
+    "  timeline C: [--csv|--jsonl]   every file's times as a bodyfile (for mactime)\n"
     "  find C: PATH                  the records at a full path\n"
     "  owner C: CLUSTER              which file owns a cluster\n"
     "  extents C: FILE               a file's extents on the physical drive\n"
@@ -80,6 +93,9 @@ constexpr const char* GENERAL_HELP =
     "  --json        machine-readable output\n"
     "  -v            show the library's diagnostic log lines on stderr\n"
     "  --drive N     (dump) read physical drive N instead of a volume\n"
+    "  --all         (record) what the analysts' record reader sees\n"
+    "  --csv         (timeline) CSV instead of a bodyfile\n"
+    "  --jsonl       (timeline) JSON Lines instead of a bodyfile\n"
     "  --help        this text; `kestrow COMMAND --help` for one command\n"
     "  --version     the library's version\n"
     "\n"
@@ -134,6 +150,12 @@ Options parseCommandLine(int argc, char** argv) {
             options.verbose = true;
         } else if (argument == "-h" || argument == "--help") {
             options.help = true;
+        } else if (argument == "--all") {
+            options.all = true;
+        } else if (argument == "--csv") {
+            options.csv = true;
+        } else if (argument == "--jsonl") {
+            options.jsonl = true;
         } else if (argument == "--version") {
             options.version = true;
         } else if (isOption(argument, "--drive")) {

@@ -36,6 +36,9 @@ struct Options {
     bool help = false;                 // --help
     bool version = false;              // --version
     std::optional<unsigned int> drive; // --drive N (dump)
+    bool all = false;                  // --all (record: the analysts' reader)
+    bool csv = false;                  // --csv (timeline)
+    bool jsonl = false;                // --jsonl (timeline)
     std::string command;
     std::vector<std::string> arguments;
 };

@@ -1,5 +1,7 @@
 #include "Commands.h"
 
+#include "AnalystCommands.h"
+
 #include <libKestrow/FileRecord.h>
 #include <libKestrow/FileRecordMap.h>
 #include <libKestrow/MasterFileTable.h>
@@ -825,7 +827,9 @@ int dispatchCommand(Session& session) {
     if (command == "info")
         return infoCommand(session);
     if (command == "record")
-        return recordCommand(session);
+        return session.options().all ? recordAllCommand(session) : recordCommand(session);
+    if (command == "timeline")
+        return timelineCommand(session);
     if (command == "ls")
         return lsCommand(session);
     if (command == "paths")

@@ -258,6 +258,13 @@ void appendUtf8(std::string& out, const orv::String& text) {
     out.resize(static_cast<std::size_t>(end - out.data()));
 }
 
+std::string utf8(const std::u16string& text) {
+    std::string out(text.size() * MAX_UTF8_PER_UNIT, '\0');
+    char* end = writeUtf8(out.data(), text.data(), static_cast<unsigned int>(text.size()));
+    out.resize(static_cast<std::size_t>(end - out.data()));
+    return out;
+}
+
 std::string utf8(const orv::String& text) {
     std::string out;
     out.reserve(text.size());

@@ -44,6 +44,7 @@ void appendUtf8(std::string& out, const orv::String& text);
 constexpr std::size_t MAX_UTF8_PER_UNIT = 3;
 char* writeUtf8(char* out, const orv::Char16* units, unsigned int n);
 std::string utf8(const orv::String& text);
+std::string utf8(const std::u16string& text);
 
 // NTFS time (100 ns units since 1601-01-01 UTC) as ISO 8601 UTC with the full
 // precision: "2024-05-01T12:00:00.1234567Z".

@@ -1,0 +1,260 @@
+#include <libKestrow/RecordReader.h>
+
+// The correct NTFS reading the disk-image backend uses too (fix-ups, record
+// header, attribute walk); the quirk-exact FileRecord parser shares none of it.
+#include "NtfsRecord.h"
+
+#include <algorithm>
+#include <cstdint>
+#include <map>
+#include <set>
+#include <vector>
+
+namespace disk = kestrow::platform::disk;
+
+namespace {
+
+// $STANDARD_INFORMATION value.
+namespace standardInformation {
+constexpr std::size_t kTimes = 0x00; // created, modified, MFT changed, accessed
+constexpr std::size_t kFlags = 0x20;
+constexpr std::size_t kOwnerId = 0x30;
+constexpr std::size_t kSecurityId = 0x34;
+} // namespace standardInformation
+
+// $FILE_NAME value.
+namespace fileName {
+constexpr std::size_t kParent = 0x00;
+constexpr std::size_t kTimes = 0x08; // created, modified, MFT changed, accessed
+constexpr std::size_t kAllocatedSize = 0x28;
+constexpr std::size_t kRealSize = 0x30;
+constexpr std::size_t kFlags = 0x38;
+constexpr std::size_t kNameLength = 0x40;
+constexpr std::size_t kNameSpace = 0x41;
+constexpr std::size_t kName = 0x42;
+} // namespace fileName
+
+FileReference referenceOf(std::uint64_t value) {
+    return FileReference(value & disk::kReferenceMask, value >> 48);
+}
+
+RecordTimes timesAt(const disk::LeView& value, std::size_t first) {
+    RecordTimes times;
+    times.created = value.u64(first);
+    times.modified = value.u64(first + 8);
+    times.mftChanged = value.u64(first + 16);
+    times.accessed = value.u64(first + 24);
+    return times;
+}
+
+void readStandardInformation(const disk::NtfsAttribute& attribute, RecordDetails& details) {
+    const disk::LeView value(attribute.value.data(), attribute.value.size());
+    // The times and flags are in every version of the value; the owner and
+    // security ids only in the longer one of NTFS 3.0 and later.
+    if (!value.has(0, standardInformation::kFlags + 4) || details.hasStandardInformation)
+        return;
+    details.hasStandardInformation = true;
+    details.standardTimes = timesAt(value, standardInformation::kTimes);
+    details.standardFlags = value.u32(standardInformation::kFlags);
+    if (value.has(standardInformation::kSecurityId, 4)) {
+        details.ownerId = value.u32(standardInformation::kOwnerId);
+        details.securityId = value.u32(standardInformation::kSecurityId);
+    }
+}
+
+void readFileName(const disk::NtfsAttribute& attribute, unsigned long long record,
+                  RecordDetails& details) {
+    const disk::LeView value(attribute.value.data(), attribute.value.size());
+    const std::size_t units = value.u8(fileName::kNameLength);
+    if (!value.has(fileName::kName, units * 2))
+        return; // a name cut short by damage is no name
+    RecordFileName name;
+    name.attributeId = attribute.id;
+    name.record = record;
+    name.parent = referenceOf(value.u64(fileName::kParent));
+    name.nameSpace = value.u8(fileName::kNameSpace);
+    name.times = timesAt(value, fileName::kTimes);
+    name.allocatedSize = value.u64(fileName::kAllocatedSize);
+    name.realSize = value.u64(fileName::kRealSize);
+    name.flags = value.u32(fileName::kFlags);
+    name.valueLength = static_cast<unsigned int>(attribute.value.size());
+    name.name = disk::utf16At(value, fileName::kName, units);
+    details.names.push_back(std::move(name));
+}
+
+void readStream(const disk::NtfsAttribute& attribute, unsigned long long record,
+                RecordDetails& details) {
+    RecordStream stream;
+    stream.type = attribute.type;
+    stream.attributeId = attribute.id;
+    stream.record = record;
+    stream.name = attribute.name;
+    stream.resident = !attribute.nonResident;
+    stream.size = attribute.nonResident ? attribute.dataSize : attribute.value.size();
+    stream.allocatedSize = attribute.nonResident ? attribute.allocatedSize : 0;
+    stream.flags = attribute.flags;
+    details.streams.push_back(std::move(stream));
+}
+
+// An attribute list larger than this is damage: real ones hold a few
+// thousand entries at most.
+constexpr std::uint64_t MAX_ATTRIBUTE_LIST_BYTES = 4u << 20;
+
+// The bytes of a non-resident value through the caller's cluster reader;
+// empty when a run cannot be read.
+std::vector<std::uint8_t> readNonResident(const disk::NtfsAttribute& attribute,
+                                          const RecordReader::ClusterReader& clusters,
+                                          unsigned int bytesPerCluster) {
+    std::vector<std::uint8_t> bytes;
+    if (!clusters || bytesPerCluster == 0 || attribute.dataSize > MAX_ATTRIBUTE_LIST_BYTES)
+        return bytes;
+    const std::uint64_t wanted = attribute.dataSize;
+    std::vector<std::uint8_t> run;
+    for (const disk::DataRun& piece : attribute.runs) {
+        if (bytes.size() >= wanted)
+            break;
+        if (piece.length > (wanted - bytes.size() + bytesPerCluster - 1) / bytesPerCluster + 1)
+            return {}; // a run far longer than the list: damage
+        run.assign(static_cast<std::size_t>(piece.length * bytesPerCluster), 0);
+        if (piece.lcn >= 0 &&
+            !clusters(static_cast<unsigned long long>(piece.lcn), piece.length, run.data()))
+            return {};
+        bytes.insert(bytes.end(), run.begin(), run.end());
+    }
+    if (bytes.size() < wanted)
+        return {};
+    bytes.resize(static_cast<std::size_t>(wanted));
+    return bytes;
+}
+
+void readAttributeList(const disk::NtfsAttribute& attribute, RecordDetails& details,
+                       const RecordReader::ClusterReader& clusters, unsigned int bytesPerCluster) {
+    details.hasAttributeList = true;
+    details.attributeListResident = !attribute.nonResident;
+    std::vector<std::uint8_t> stored;
+    if (attribute.nonResident) {
+        stored = readNonResident(attribute, clusters, bytesPerCluster);
+        if (stored.empty())
+            return;
+    }
+    details.attributeListRead = true;
+    const std::vector<std::uint8_t>& bytes = attribute.nonResident ? stored : attribute.value;
+    const disk::LeView list(bytes.data(), bytes.size());
+    for (std::size_t offset = 0; list.has(offset, disk::listEntry::kMinimumLength);) {
+        const std::uint16_t length = list.u16(offset + disk::listEntry::kLength);
+        if (length < disk::listEntry::kMinimumLength)
+            break;
+        RecordListMember member;
+        member.type = list.u32(offset + disk::listEntry::kType);
+        member.attributeId = list.u16(offset + disk::listEntry::kId);
+        member.startingVcn = list.u64(offset + disk::listEntry::kStartingVcn);
+        member.record = referenceOf(list.u64(offset + disk::listEntry::kRecord));
+        const disk::LeView entry =
+            list.sub(offset, std::min<std::size_t>(length, list.size() - offset));
+        member.name = disk::utf16At(entry, entry.u8(disk::listEntry::kNameOffset),
+                                    entry.u8(disk::listEntry::kNameLength));
+        details.attributeList.push_back(std::move(member));
+        offset += length;
+    }
+}
+
+void readAttributes(const std::vector<disk::AttributePiece>& pieces, unsigned long long record,
+                    RecordDetails& details, const RecordReader::ClusterReader& clusters,
+                    unsigned int bytesPerCluster) {
+    for (const disk::AttributePiece& piece : pieces) {
+        const disk::NtfsAttribute& attribute = piece.attribute;
+        details.attributes.push_back(
+            RecordAttribute{attribute.type, attribute.id, record, !attribute.nonResident,
+                            attribute.name});
+        switch (attribute.type) {
+        case disk::attr::kStandardInformation:
+            if (!attribute.nonResident)
+                readStandardInformation(attribute, details);
+            break;
+        case disk::attr::kFileName:
+            if (!attribute.nonResident)
+                readFileName(attribute, record, details);
+            break;
+        case disk::attr::kData:
+        case disk::attr::kIndexRoot:
+            // A non-resident stream continued in another piece shows once, by
+            // the piece that starts it.
+            if (!attribute.nonResident || piece.lowestVcn == 0)
+                readStream(attribute, record, details);
+            break;
+        case disk::attr::kAttributeList:
+            readAttributeList(attribute, details, clusters, bytesPerCluster);
+            break;
+        default:
+            break;
+        }
+    }
+}
+
+} // namespace
+
+const RecordFileName* RecordDetails::preferredName() const {
+    for (const RecordFileName& name : names)
+        if (name.nameSpace != RecordFileName::DOS)
+            return &name;
+    return names.empty() ? nullptr : &names.front();
+}
+
+bool RecordReader::read(const unsigned char* bytes, std::size_t size, unsigned long long index,
+                        RecordDetails& details, const ClusterReader& clusters,
+                        unsigned int bytesPerCluster) {
+    details = RecordDetails();
+    details.index = index;
+    disk::FileRecordHeader header;
+    if (bytes == nullptr || !disk::readFileRecordHeader(disk::LeView(bytes, size), header))
+        return false;
+    std::vector<std::uint8_t> record(bytes, bytes + size);
+    details.isFileRecord = true;
+    details.fixupsApplied = disk::applyFixups(record.data(), record.size());
+    details.logSequenceNumber = header.logSequenceNumber;
+    details.sequence = header.sequence;
+    details.linkCount = header.linkCount;
+    details.recordFlags = header.flags;
+    details.inUse = (header.flags & disk::fileRecord::kInUse) != 0;
+    details.directory = (header.flags & disk::fileRecord::kDirectory) != 0;
+    details.baseRecord = referenceOf(header.baseRecord);
+
+    std::vector<disk::AttributePiece> pieces;
+    details.attributesComplete = disk::parseRecordAttributes(record, pieces);
+    readAttributes(pieces, index, details, clusters, bytesPerCluster);
+    return true;
+}
+
+void RecordReader::mergeExtension(RecordDetails& base, const RecordDetails& extension) {
+    std::set<unsigned short> used;
+    for (const RecordAttribute& attribute : base.attributes)
+        if (attribute.type != disk::attr::kFileName || attribute.record == base.index)
+            used.insert(attribute.attributeId);
+    std::map<unsigned short, unsigned short> renumbered;
+    for (RecordAttribute attribute : extension.attributes) {
+        if (attribute.type != disk::attr::kFileName) {
+            const unsigned short own = attribute.attributeId;
+            if (used.count(own) != 0)
+                attribute.attributeId = static_cast<unsigned short>(*used.rbegin() + 1);
+            used.insert(attribute.attributeId);
+            renumbered.emplace(own, attribute.attributeId);
+        }
+        base.attributes.push_back(std::move(attribute));
+    }
+    const auto idFor = [&renumbered](unsigned short id) {
+        const auto found = renumbered.find(id);
+        return found == renumbered.end() ? id : found->second;
+    };
+    base.names.insert(base.names.end(), extension.names.begin(), extension.names.end());
+    for (RecordStream stream : extension.streams) {
+        stream.attributeId = idFor(stream.attributeId);
+        base.streams.push_back(std::move(stream));
+    }
+    if (!base.hasStandardInformation && extension.hasStandardInformation) {
+        base.hasStandardInformation = true;
+        base.standardTimes = extension.standardTimes;
+        base.standardFlags = extension.standardFlags;
+        base.ownerId = extension.ownerId;
+        base.securityId = extension.securityId;
+    }
+}

@@ -1,0 +1,445 @@
+// kestrow timeline: every file's times from the analysts' record reader, as a
+// bodyfile (The Sleuth Kit 3.0+, for mactime), CSV or JSON Lines.
+//
+// The MFT is read twice, straight from its runs: the first pass learns every
+// record's name and parent, so that the second can give each line its full
+// path while it streams the lines out, without holding every record's
+// details at once.
+#include "AnalystCommands.h"
+#include "MftScan.h"
+#include "Session.h"
+
+#include <libKestrow/RecordReader.h>
+
+#include <algorithm>
+#include <cstdint>
+#include <memory>
+#include <string>
+#include <unordered_map>
+#include <vector>
+
+namespace kestrow::tool {
+
+namespace {
+
+constexpr unsigned long long ROOT_RECORD = 5;
+constexpr unsigned long long NTFS_TICKS_AT_UNIX_EPOCH = 116444736000000000ULL;
+constexpr unsigned long long NTFS_TICKS_PER_SECOND = 10000000ULL;
+constexpr unsigned int FILE_NAME_TYPE = 0x30;
+constexpr unsigned int READ_ONLY_FLAGS = 0x1 | 0x2 | 0x4; // read-only, hidden, system
+// A parent chain longer than this is a loop on a damaged volume.
+constexpr unsigned int MAX_PATH_DEPTH = 1024;
+
+// The bodyfile's own texts, as The Sleuth Kit writes them.
+constexpr const char ORPHAN_DIRECTORY[] = "/$OrphanFiles";
+constexpr const char FILE_NAME_SUFFIX[] = " ($FILE_NAME)";
+constexpr const char DELETED_SUFFIX[] = " (deleted)";
+constexpr const char INDEX_NAME[] = "$I30";
+
+constexpr const char CSV_HEADER[] =
+    "index,sequence,inUse,directory,path,name,nameSpace,parent,parentSequence,"
+    "siCreated,siModified,siMftChanged,siAccessed,siFlags,"
+    "fnCreated,fnModified,fnMftChanged,fnAccessed,fnFlags,fnAllocatedSize,fnRealSize,"
+    "dataSize,streams\n";
+
+// What the first pass keeps of each record slot.
+struct Node {
+    std::u16string name;
+    unsigned long long parent = 0;
+    unsigned short parentSequence = 0;
+    unsigned short sequence = 0;
+    bool fileRecord = false;
+    bool inUse = false;
+};
+
+// Seconds since 1970 as bodyfiles carry them: 32 bits. A time before 1970
+// or after 2106 (an unset time of 0 among them) wraps, as it does in fls's
+// bodyfile, so that the two tools' lines stay comparable.
+unsigned long long unixSeconds(unsigned long long ntfsTime) {
+    return static_cast<std::uint32_t>((ntfsTime - NTFS_TICKS_AT_UNIX_EPOCH) /
+                                      NTFS_TICKS_PER_SECOND);
+}
+
+bool usable(const RecordDetails& details) {
+    return details.isFileRecord && details.fixupsApplied;
+}
+
+bool isExtension(const RecordDetails& details) {
+    return details.baseRecord.index != 0;
+}
+
+// Full paths from the parent references, as fls gives them: "/Dir/name".
+class PathBook {
+public:
+    explicit PathBook(std::vector<Node> nodes)
+        : m_nodes(std::move(nodes)), m_cached(m_nodes.size(), 0), m_paths(m_nodes.size()) {}
+
+    // The path of the directory a name stands in; ORPHAN_DIRECTORY when its
+    // chain is broken (a parent reused, missing or looping).
+    std::string directoryOf(const FileReference& parent, bool deleted) {
+        std::vector<unsigned long long> chain;
+        unsigned long long index = parent.index;
+        unsigned short sequence = static_cast<unsigned short>(parent.sequence);
+        std::string path;
+        for (unsigned int depth = 0;; ++depth) {
+            if (index == ROOT_RECORD)
+                break;
+            if (depth == MAX_PATH_DEPTH || index >= m_nodes.size() ||
+                !fits(m_nodes[index], sequence, deleted) || m_nodes[index].name.empty())
+                return ORPHAN_DIRECTORY;
+            if (m_cached[index]) {
+                path = m_paths[index];
+                break;
+            }
+            chain.push_back(index);
+            const Node& node = m_nodes[index];
+            deleted = deleted || !node.inUse;
+            sequence = node.parentSequence;
+            index = node.parent;
+        }
+        for (auto at = chain.rbegin(); at != chain.rend(); ++at) {
+            path += '/';
+            path += utf8(m_nodes[*at].name);
+            m_cached[*at] = 1;
+            m_paths[*at] = path;
+        }
+        return path;
+    }
+
+private:
+    // A parent in use must carry the sequence the reference names; the
+    // parent of a deleted entry may have been deleted too, which advanced its
+    // sequence by one.
+    static bool fits(const Node& node, unsigned short sequence, bool deleted) {
+        if (!node.fileRecord)
+            return false;
+        if (node.inUse)
+            return node.sequence == sequence;
+        return deleted && (node.sequence == sequence ||
+                           node.sequence == static_cast<unsigned short>(sequence + 1));
+    }
+
+    std::vector<Node> m_nodes;
+    std::vector<char> m_cached;
+    std::vector<std::string> m_paths;
+};
+
+// The $FILE_NAME whose times fls gives every name of a file: the last one
+// the record holds that is not a DOS-only name.
+const RecordFileName* timelineFileName(const RecordDetails& details) {
+    const RecordFileName* chosen = nullptr;
+    for (const RecordFileName& name : details.names)
+        if (name.nameSpace != RecordFileName::DOS)
+            chosen = &name;
+    return chosen;
+}
+
+bool isDefaultStream(const RecordStream& stream) {
+    if (stream.type == RecordStream::DATA)
+        return stream.name.empty();
+    return utf8(stream.name) == INDEX_NAME;
+}
+
+void appendNumber(std::string& line, unsigned long long n) {
+    line += std::to_string(n);
+}
+
+void appendTimes(std::string& line, const RecordTimes& times) {
+    // atime|mtime|ctime|crtime; ctime is the MFT change time.
+    appendNumber(line, unixSeconds(times.accessed));
+    line += '|';
+    appendNumber(line, unixSeconds(times.modified));
+    line += '|';
+    appendNumber(line, unixSeconds(times.mftChanged));
+    line += '|';
+    appendNumber(line, unixSeconds(times.created));
+}
+
+std::string modeText(const RecordDetails& details) {
+    const char type = details.directory ? 'd' : 'r';
+    std::string mode;
+    mode += details.inUse ? type : '-';
+    mode += '/';
+    mode += type;
+    mode += (details.standardFlags & READ_ONLY_FLAGS) != 0 ? "r-xr-xr-x" : "rwxrwxrwx";
+    return mode;
+}
+
+void writeBodyLine(Output& out, std::string& line, const std::string& name,
+                   unsigned long long index, unsigned int type, unsigned short id,
+                   const std::string& mode, unsigned long long size, const RecordTimes& times) {
+    line.clear();
+    line += "0|";
+    line += name;
+    line += '|';
+    appendNumber(line, index);
+    line += '-';
+    appendNumber(line, type);
+    line += '-';
+    appendNumber(line, id);
+    line += '|';
+    line += mode;
+    line += "|0|0|";
+    appendNumber(line, size);
+    line += '|';
+    appendTimes(line, times);
+    line += '\n';
+    out << line;
+}
+
+// One name of a record as fls lists it: a line per stream with the
+// $STANDARD_INFORMATION times, and the "($FILE_NAME)" line.
+void writeBodyName(Output& out, std::string& line, const RecordDetails& details,
+                   const std::string& path) {
+    const std::string mode = modeText(details);
+    const std::string deleted = details.inUse ? "" : DELETED_SUFFIX;
+    if (const RecordFileName* name = timelineFileName(details))
+        writeBodyLine(out, line, path + FILE_NAME_SUFFIX + deleted, details.index, FILE_NAME_TYPE,
+                      name->attributeId, mode, name->valueLength, name->times);
+    for (const RecordStream& stream : details.streams) {
+        const std::string streamPath =
+            isDefaultStream(stream) ? path : path + ":" + utf8(stream.name);
+        writeBodyLine(out, line, streamPath + deleted, details.index, stream.type,
+                      stream.attributeId, mode, stream.size, details.standardTimes);
+    }
+}
+
+std::string csvField(const std::string& text) {
+    if (text.find_first_of(",\"\n\r") == std::string::npos)
+        return text;
+    std::string quoted = "\"";
+    for (const char c : text) {
+        if (c == '"')
+            quoted += '"';
+        quoted += c;
+    }
+    return quoted + "\"";
+}
+
+unsigned long long unnamedDataSize(const RecordDetails& details) {
+    for (const RecordStream& stream : details.streams)
+        if (stream.type == RecordStream::DATA && stream.name.empty())
+            return stream.size;
+    return 0;
+}
+
+// "name=size;name=size" of the named data streams.
+std::string namedStreams(const RecordDetails& details) {
+    std::string text;
+    for (const RecordStream& stream : details.streams) {
+        if (stream.type != RecordStream::DATA || stream.name.empty())
+            continue;
+        if (!text.empty())
+            text += ';';
+        text += utf8(stream.name) + "=" + std::to_string(stream.size);
+    }
+    return text;
+}
+
+void writeCsvName(Output& out, const RecordDetails& details, const RecordFileName& name,
+                  const std::string& path) {
+    const RecordTimes& si = details.standardTimes;
+    const RecordTimes& fn = name.times;
+    std::string row;
+    row += std::to_string(details.index) + ',' + std::to_string(details.sequence) + ',' +
+           (details.inUse ? "1" : "0") + ',' + (details.directory ? "1" : "0") + ',';
+    row += csvField(path) + ',' + csvField(utf8(name.name)) + ',';
+    row += std::to_string(name.nameSpace) + ',' + std::to_string(name.parent.index) + ',' +
+           std::to_string(name.parent.sequence) + ',';
+    row += isoTime(si.created) + ',' + isoTime(si.modified) + ',' + isoTime(si.mftChanged) + ',' +
+           isoTime(si.accessed) + ',' + std::to_string(details.standardFlags) + ',';
+    row += isoTime(fn.created) + ',' + isoTime(fn.modified) + ',' + isoTime(fn.mftChanged) + ',' +
+           isoTime(fn.accessed) + ',' + std::to_string(name.flags) + ',' +
+           std::to_string(name.allocatedSize) + ',' + std::to_string(name.realSize) + ',';
+    row += std::to_string(unnamedDataSize(details)) + ',' + csvField(namedStreams(details)) + '\n';
+    out << row;
+}
+
+void writeJsonTimes(std::string& text, const RecordTimes& times) {
+    text += "{\"created\": " + jsonQuote(isoTime(times.created)) +
+            ", \"modified\": " + jsonQuote(isoTime(times.modified)) +
+            ", \"mftChanged\": " + jsonQuote(isoTime(times.mftChanged)) +
+            ", \"accessed\": " + jsonQuote(isoTime(times.accessed)) + "}";
+}
+
+void writeJsonRecord(Output& out, const RecordDetails& details,
+                     const std::vector<std::string>& paths) {
+    std::string text = "{\"index\": " + std::to_string(details.index) +
+                       ", \"sequence\": " + std::to_string(details.sequence) +
+                       ", \"inUse\": " + (details.inUse ? "true" : "false") +
+                       ", \"directory\": " + (details.directory ? "true" : "false") +
+                       ", \"linkCount\": " + std::to_string(details.linkCount) +
+                       ", \"logSequenceNumber\": " + std::to_string(details.logSequenceNumber);
+    text += ", \"standardInformation\": {\"flags\": " + std::to_string(details.standardFlags) +
+            ", \"times\": ";
+    writeJsonTimes(text, details.standardTimes);
+    text += "}, \"names\": [";
+    for (std::size_t i = 0; i < details.names.size(); ++i) {
+        const RecordFileName& name = details.names[i];
+        text += (i ? ", " : "") + std::string("{\"name\": ") + jsonQuote(utf8(name.name)) +
+                ", \"path\": " + jsonQuote(paths[i]) +
+                ", \"nameSpace\": " + std::to_string(name.nameSpace) +
+                ", \"parent\": " + std::to_string(name.parent.index) +
+                ", \"parentSequence\": " + std::to_string(name.parent.sequence) +
+                ", \"flags\": " + std::to_string(name.flags) +
+                ", \"allocatedSize\": " + std::to_string(name.allocatedSize) +
+                ", \"realSize\": " + std::to_string(name.realSize) + ", \"times\": ";
+        writeJsonTimes(text, name.times);
+        text += "}";
+    }
+    text += "], \"streams\": [";
+    for (std::size_t i = 0; i < details.streams.size(); ++i) {
+        const RecordStream& stream = details.streams[i];
+        text += (i ? ", " : "") + std::string("{\"name\": ") + jsonQuote(utf8(stream.name)) +
+                ", \"type\": " + std::to_string(stream.type) +
+                ", \"resident\": " + (stream.resident ? "true" : "false") +
+                ", \"size\": " + std::to_string(stream.size) +
+                ", \"allocatedSize\": " + std::to_string(stream.allocatedSize) + "}";
+    }
+    text += "]}\n";
+    out << text;
+}
+
+enum class Format { Body, Csv, JsonLines };
+
+class Timeline {
+public:
+    Timeline(Session& session, Format format, Volume& volume, MasterFileTable& mft)
+        : m_session(session), m_format(format), m_volume(volume), m_mft(mft),
+          m_clusters(volumeClusterReader(mft, volume)) {}
+
+    void run() {
+        learnNames();
+        if (m_format == Format::Csv)
+            m_session.out() << CSV_HEADER;
+        Progress progress("Writing the timeline", m_slots, showProgress());
+        std::string line;
+        RecordDetails details;
+        scanMftRecords(m_mft, m_volume,
+                       [&](unsigned long long index, const unsigned char* bytes, std::size_t size) {
+                           progress.update(index + 1);
+                           if (!RecordReader::read(bytes, size, index, details, m_clusters,
+                                                   m_volume.bytesPerCluster()) ||
+                               !usable(details) || isExtension(details))
+                               return;
+                           addExtensions(details);
+                           write(details, line);
+                       });
+    }
+
+private:
+    bool showProgress() const { return stderrIsTerminal() && !m_session.options().verbose; }
+
+    // First pass: each record's name and parent; extension records are kept
+    // whole for their base record.
+    void learnNames() {
+        std::vector<Node> nodes;
+        RecordDetails details;
+        m_slots = mftRecordSlots(m_mft, m_volume);
+        Progress progress("Reading MFT records", m_slots, showProgress());
+        nodes.resize(m_slots);
+        scanMftRecords(m_mft, m_volume,
+                       [&](unsigned long long index, const unsigned char* bytes, std::size_t size) {
+                           progress.update(index + 1);
+                           if (index >= nodes.size() ||
+                               !RecordReader::read(bytes, size, index, details, m_clusters,
+                                                   m_volume.bytesPerCluster()) ||
+                               !usable(details))
+                               return;
+                           Node& node = nodes[index];
+                           node.fileRecord = true;
+                           node.inUse = details.inUse;
+                           node.sequence = details.sequence;
+                           if (isExtension(details)) {
+                               if (details.inUse)
+                                   m_extensions[details.baseRecord.index].push_back(details);
+                               return;
+                           }
+                           if (const RecordFileName* name = details.preferredName()) {
+                               node.name = name->name;
+                               node.parent = name->parent.index;
+                               node.parentSequence =
+                                   static_cast<unsigned short>(name->parent.sequence);
+                           }
+                       });
+        // A base record whose names all moved to extension records.
+        for (const auto& [base, extensions] : m_extensions) {
+            if (base >= nodes.size() || !nodes[base].name.empty())
+                continue;
+            for (const RecordDetails& extension : extensions) {
+                if (const RecordFileName* name = extension.preferredName()) {
+                    nodes[base].name = name->name;
+                    nodes[base].parent = name->parent.index;
+                    nodes[base].parentSequence = static_cast<unsigned short>(name->parent.sequence);
+                    break;
+                }
+            }
+        }
+        m_paths = std::make_unique<PathBook>(std::move(nodes));
+    }
+
+    void addExtensions(RecordDetails& details) const {
+        const auto found = m_extensions.find(details.index);
+        if (found == m_extensions.end())
+            return;
+        for (const RecordDetails& extension : found->second)
+            if (extension.baseRecord.sequence == details.sequence)
+                RecordReader::mergeExtension(details, extension);
+    }
+
+    void write(const RecordDetails& details, std::string& line) {
+        if (details.index == ROOT_RECORD)
+            return; // the root is the volume's "/", not an entry of its own
+        std::vector<std::string> paths;
+        bool named = false;
+        for (const RecordFileName& name : details.names) {
+            paths.push_back(m_paths->directoryOf(name.parent, !details.inUse) + "/" +
+                            utf8(name.name));
+            named = named || name.nameSpace != RecordFileName::DOS;
+        }
+        if (!named)
+            return;
+        Output& out = m_session.out();
+        if (m_format == Format::JsonLines) {
+            writeJsonRecord(out, details, paths);
+            return;
+        }
+        for (std::size_t i = 0; i < details.names.size(); ++i) {
+            const RecordFileName& name = details.names[i];
+            if (m_format == Format::Csv)
+                writeCsvName(out, details, name, paths[i]);
+            else if (name.nameSpace != RecordFileName::DOS)
+                writeBodyName(out, line, details, paths[i]);
+        }
+    }
+
+    Session& m_session;
+    Format m_format;
+    Volume& m_volume;
+    MasterFileTable& m_mft;
+    RecordReader::ClusterReader m_clusters;
+    unsigned long long m_slots = 0;
+    std::unordered_map<unsigned long long, std::vector<RecordDetails>> m_extensions;
+    std::unique_ptr<PathBook> m_paths;
+};
+
+} // namespace
+
+int timelineCommand(Session& session) {
+    const Options& options = session.options();
+    if (options.arguments.size() != 1)
+        throw UsageError(
+            std::string(options.arguments.empty() ? "missing arguments" : "too many arguments") +
+            "; usage: " + usageOf(options.command));
+    if (options.csv && options.jsonl)
+        throw UsageError("--csv and --jsonl cannot be given together");
+    const Format format =
+        options.csv ? Format::Csv : (options.jsonl ? Format::JsonLines : Format::Body);
+    Volume& volume = session.openVolume(parseDriveLetter(options.arguments[0]));
+    MasterFileTable& mft = session.openMft();
+    Timeline timeline(session, format, volume, mft);
+    timeline.run();
+    return EXIT_OK;
+}
+
+} // namespace kestrow::tool
