@@ -163,9 +163,8 @@ void readAttributes(const std::vector<disk::AttributePiece>& pieces, unsigned lo
                     unsigned int bytesPerCluster) {
     for (const disk::AttributePiece& piece : pieces) {
         const disk::NtfsAttribute& attribute = piece.attribute;
-        details.attributes.push_back(
-            RecordAttribute{attribute.type, attribute.id, record, !attribute.nonResident,
-                            attribute.name});
+        details.attributes.push_back(RecordAttribute{attribute.type, attribute.id, record,
+                                                     !attribute.nonResident, attribute.name});
         switch (attribute.type) {
         case disk::attr::kStandardInformation:
             if (!attribute.nonResident)
@@ -195,7 +194,7 @@ void readAttributes(const std::vector<disk::AttributePiece>& pieces, unsigned lo
 
 const RecordFileName* RecordDetails::preferredName() const {
     for (const RecordFileName& name : names)
-        if (name.nameSpace != RecordFileName::DOS)
+        if (name.nameSpace != RecordFileName::DOS_NAME)
             return &name;
     return names.empty() ? nullptr : &names.front();
 }

@@ -15,13 +15,13 @@ namespace {
 
 const char* nameSpaceText(unsigned char nameSpace) {
     switch (nameSpace) {
-    case RecordFileName::POSIX:
+    case RecordFileName::POSIX_NAME:
         return "POSIX";
-    case RecordFileName::WIN32:
+    case RecordFileName::WIN32_NAME:
         return "Win32";
-    case RecordFileName::DOS:
+    case RecordFileName::DOS_NAME:
         return "DOS";
-    case RecordFileName::WIN32_AND_DOS:
+    case RecordFileName::WIN32_AND_DOS_NAME:
         return "Win32+DOS";
     default:
         return "unknown";

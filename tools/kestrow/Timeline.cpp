@@ -129,7 +129,7 @@ private:
 const RecordFileName* timelineFileName(const RecordDetails& details) {
     const RecordFileName* chosen = nullptr;
     for (const RecordFileName& name : details.names)
-        if (name.nameSpace != RecordFileName::DOS)
+        if (name.nameSpace != RecordFileName::DOS_NAME)
             chosen = &name;
     return chosen;
 }
@@ -395,7 +395,7 @@ private:
         for (const RecordFileName& name : details.names) {
             paths.push_back(m_paths->directoryOf(name.parent, !details.inUse) + "/" +
                             utf8(name.name));
-            named = named || name.nameSpace != RecordFileName::DOS;
+            named = named || name.nameSpace != RecordFileName::DOS_NAME;
         }
         if (!named)
             return;
@@ -408,7 +408,7 @@ private:
             const RecordFileName& name = details.names[i];
             if (m_format == Format::Csv)
                 writeCsvName(out, details, name, paths[i]);
-            else if (name.nameSpace != RecordFileName::DOS)
+            else if (name.nameSpace != RecordFileName::DOS_NAME)
                 writeBodyName(out, line, details, paths[i]);
         }
     }

@@ -33,10 +33,10 @@ struct KESTROW_API RecordTimes {
 // One $FILE_NAME attribute.
 struct KESTROW_API RecordFileName {
     // Name spaces of a $FILE_NAME.
-    static constexpr unsigned char POSIX = 0;
-    static constexpr unsigned char WIN32 = 1;
-    static constexpr unsigned char DOS = 2;
-    static constexpr unsigned char WIN32_AND_DOS = 3;
+    static constexpr unsigned char POSIX_NAME = 0;
+    static constexpr unsigned char WIN32_NAME = 1;
+    static constexpr unsigned char DOS_NAME = 2;
+    static constexpr unsigned char WIN32_AND_DOS_NAME = 3;
 
     unsigned short attributeId = 0;
     unsigned long long record = 0; // the record that holds the attribute
