@@ -7,6 +7,8 @@ Writes <out-dir>/<target>/<seed> for every fuzz target. Whole images are far
 too large for fuzz inputs, so the seeds are the meaningful pieces of them:
 
   filerecord_parse    geometry prefix + one in-use FILE record
+  record_reader       a FILE record, in use or free, as stored (1 KiB), and the
+                      record after it (read as an extension record)
   runlist_decode      flags + maxClusters + the run bytes of one
                       non-resident attribute
   indx_postprocess    geometry prefix + a directory's FILE record + the disk
@@ -294,6 +296,9 @@ def seed_records(out, name, v):
         raw = v.raw_record(index)
         if in_use(raw):
             write(out, "filerecord_parse", f"{name}-{index:06d}", v.geometry_prefix() + raw)
+        if raw[:4] == b"FILE" and index + 1 < v.count:
+            following = v.raw_record(index + 1)
+            write(out, "record_reader", f"{name}-{index:06d}", raw[:1024] + following[:1024])
 
 
 def seed_run_lists(out, name, v):

@@ -40,7 +40,7 @@ python3 "$root/fuzz/make_seeds.py" "$fixtures" "$seeds"
 # The largest input each target is given: room for its biggest seed.
 max_len() {
   case "$1" in
-    fuzz_filerecord_parse) echo 8192 ;;
+    fuzz_filerecord_parse | fuzz_record_reader) echo 8192 ;;
     fuzz_runlist_decode) echo 4096 ;;
     fuzz_indx_postprocess) echo 131072 ;;
     fuzz_partition_table | fuzz_boot_sector) echo 262144 ;;
