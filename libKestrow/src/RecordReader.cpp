@@ -199,17 +199,36 @@ const RecordFileName* RecordDetails::preferredName() const {
     return names.empty() ? nullptr : &names.front();
 }
 
-bool RecordReader::read(const unsigned char* bytes, std::size_t size, unsigned long long index,
-                        RecordDetails& details, const ClusterReader& clusters,
-                        unsigned int bytesPerCluster) {
+namespace {
+
+// Empties the details but keeps their lists' memory, for a caller that reads
+// record after record into one object.
+void reset(RecordDetails& details) {
+    std::vector<RecordAttribute> attributes = std::move(details.attributes);
+    std::vector<RecordFileName> names = std::move(details.names);
+    std::vector<RecordStream> streams = std::move(details.streams);
+    std::vector<RecordListMember> attributeList = std::move(details.attributeList);
     details = RecordDetails();
+    attributes.clear();
+    names.clear();
+    streams.clear();
+    attributeList.clear();
+    details.attributes = std::move(attributes);
+    details.names = std::move(names);
+    details.streams = std::move(streams);
+    details.attributeList = std::move(attributeList);
+}
+
+} // namespace
+
+bool RecordReader::readHeader(const unsigned char* bytes, std::size_t size,
+                              unsigned long long index, RecordDetails& details) {
+    reset(details);
     details.index = index;
     disk::FileRecordHeader header;
     if (bytes == nullptr || !disk::readFileRecordHeader(disk::LeView(bytes, size), header))
         return false;
-    std::vector<std::uint8_t> record(bytes, bytes + size);
     details.isFileRecord = true;
-    details.fixupsApplied = disk::applyFixups(record.data(), record.size());
     details.logSequenceNumber = header.logSequenceNumber;
     details.sequence = header.sequence;
     details.linkCount = header.linkCount;
@@ -217,8 +236,21 @@ bool RecordReader::read(const unsigned char* bytes, std::size_t size, unsigned l
     details.inUse = (header.flags & disk::fileRecord::kInUse) != 0;
     details.directory = (header.flags & disk::fileRecord::kDirectory) != 0;
     details.baseRecord = referenceOf(header.baseRecord);
+    return true;
+}
 
-    std::vector<disk::AttributePiece> pieces;
+bool RecordReader::read(const unsigned char* bytes, std::size_t size, unsigned long long index,
+                        RecordDetails& details, const ClusterReader& clusters,
+                        unsigned int bytesPerCluster) {
+    if (!readHeader(bytes, size, index, details))
+        return false;
+    // The fix-ups go into a copy; a timeline reads every record of the MFT,
+    // so the copy and the attribute pieces keep their memory between calls.
+    thread_local std::vector<std::uint8_t> record;
+    thread_local std::vector<disk::AttributePiece> pieces;
+    record.assign(bytes, bytes + size);
+    details.fixupsApplied = disk::applyFixups(record.data(), record.size());
+    pieces.clear();
     details.attributesComplete = disk::parseRecordAttributes(record, pieces);
     readAttributes(pieces, index, details, clusters, bytesPerCluster);
     return true;

@@ -1,10 +1,8 @@
 // kestrow timeline: every file's times from the analysts' record reader, as a
 // bodyfile (The Sleuth Kit 3.0+, for mactime), CSV or JSON Lines.
 //
-// The MFT is read twice, straight from its runs: the first pass learns every
-// record's name and parent, so that the second can give each line its full
-// path while it streams the lines out, without holding every record's
-// details at once.
+// The MFT is read once, straight from its runs, and the lines stream out as
+// the records come; only records whose path needs a record not yet read wait.
 #include "AnalystCommands.h"
 #include "MftScan.h"
 #include "Session.h"
@@ -12,6 +10,7 @@
 #include <libKestrow/RecordReader.h>
 
 #include <algorithm>
+#include <charconv>
 #include <cstdint>
 #include <memory>
 #include <string>
@@ -34,7 +33,7 @@ constexpr unsigned int MAX_PATH_DEPTH = 1024;
 constexpr const char ORPHAN_DIRECTORY[] = "/$OrphanFiles";
 constexpr const char FILE_NAME_SUFFIX[] = " ($FILE_NAME)";
 constexpr const char DELETED_SUFFIX[] = " (deleted)";
-constexpr const char INDEX_NAME[] = "$I30";
+constexpr const char16_t INDEX_NAME[] = u"$I30";
 
 constexpr const char CSV_HEADER[] =
     "index,sequence,inUse,directory,path,name,nameSpace,parent,parentSequence,"
@@ -42,14 +41,16 @@ constexpr const char CSV_HEADER[] =
     "fnCreated,fnModified,fnMftChanged,fnAccessed,fnFlags,fnAllocatedSize,fnRealSize,"
     "dataSize,streams\n";
 
-// What the first pass keeps of each record slot.
+// What the timeline keeps of each record slot, for the paths.
 struct Node {
     std::u16string name;
     unsigned long long parent = 0;
     unsigned short parentSequence = 0;
     unsigned short sequence = 0;
+    bool visited = false; // its slot has been read
     bool fileRecord = false;
     bool inUse = false;
+    bool awaitsExtensions = false; // a base record whose names are in extension records
 };
 
 // Seconds since 1970 as bodyfiles carry them: 32 bits. A time before 1970
@@ -71,8 +72,32 @@ bool isExtension(const RecordDetails& details) {
 // Full paths from the parent references, as fls gives them: "/Dir/name".
 class PathBook {
 public:
-    explicit PathBook(std::vector<Node> nodes)
-        : m_nodes(std::move(nodes)), m_cached(m_nodes.size(), 0), m_paths(m_nodes.size()) {}
+    explicit PathBook(unsigned long long slots)
+        : m_nodes(slots), m_cached(slots, 0), m_paths(slots) {}
+
+    Node* node(unsigned long long index) {
+        return index < m_nodes.size() ? &m_nodes[index] : nullptr;
+    }
+
+    // True when every record the chain needs has been read, so that
+    // directoryOf gives the path it will always give.
+    bool settled(const FileReference& parent, bool deleted) const {
+        unsigned long long index = parent.index;
+        unsigned short sequence = static_cast<unsigned short>(parent.sequence);
+        for (unsigned int depth = 0; depth < MAX_PATH_DEPTH; ++depth) {
+            if (index == ROOT_RECORD || index >= m_nodes.size() || m_cached[index])
+                return true;
+            const Node& node = m_nodes[index];
+            if (!node.visited || node.awaitsExtensions)
+                return false;
+            if (!fits(node, sequence, deleted) || node.name.empty())
+                return true; // an orphan, whatever comes later
+            deleted = deleted || !node.inUse;
+            sequence = node.parentSequence;
+            index = node.parent;
+        }
+        return true;
+    }
 
     // The path of the directory a name stands in; ORPHAN_DIRECTORY when its
     // chain is broken (a parent reused, missing or looping).
@@ -137,11 +162,13 @@ const RecordFileName* timelineFileName(const RecordDetails& details) {
 bool isDefaultStream(const RecordStream& stream) {
     if (stream.type == RecordStream::DATA)
         return stream.name.empty();
-    return utf8(stream.name) == INDEX_NAME;
+    return stream.name == INDEX_NAME;
 }
 
 void appendNumber(std::string& line, unsigned long long n) {
-    line += std::to_string(n);
+    char digits[24];
+    const std::to_chars_result end = std::to_chars(digits, digits + sizeof digits, n);
+    line.append(digits, end.ptr);
 }
 
 void appendTimes(std::string& line, const RecordTimes& times) {
@@ -155,22 +182,35 @@ void appendTimes(std::string& line, const RecordTimes& times) {
     appendNumber(line, unixSeconds(times.created));
 }
 
-std::string modeText(const RecordDetails& details) {
-    const char type = details.directory ? 'd' : 'r';
-    std::string mode;
-    mode += details.inUse ? type : '-';
-    mode += '/';
-    mode += type;
-    mode += (details.standardFlags & READ_ONLY_FLAGS) != 0 ? "r-xr-xr-x" : "rwxrwxrwx";
-    return mode;
+// "r/rrwxrwxrwx": the entry's type (- once deleted), the record's type and
+// the permissions fls derives from the read-only, hidden and system flags.
+const char* modeText(const RecordDetails& details) {
+    static const char* const MODES[2][2][2] = {
+        {{"-/rrwxrwxrwx", "-/rr-xr-xr-x"}, {"-/drwxrwxrwx", "-/dr-xr-xr-x"}},
+        {{"r/rrwxrwxrwx", "r/rr-xr-xr-x"}, {"d/drwxrwxrwx", "d/dr-xr-xr-x"}}};
+    return MODES[details.inUse][details.directory][(details.standardFlags & READ_ONLY_FLAGS) != 0];
 }
 
-void writeBodyLine(Output& out, std::string& line, const std::string& name,
-                   unsigned long long index, unsigned int type, unsigned short id,
-                   const std::string& mode, unsigned long long size, const RecordTimes& times) {
-    line.clear();
-    line += "0|";
-    line += name;
+// One line: the name is the path, then an optional ":stream", then the
+// suffixes; built in place, since a volume has millions of them.
+struct BodyName {
+    const std::string& path;
+    const std::u16string* stream; // nullptr for the file's own line
+    const char* kind;             // FILE_NAME_SUFFIX or ""
+    const char* deleted;          // DELETED_SUFFIX or ""
+};
+
+void writeBodyLine(Output& out, std::string& line, const BodyName& name, unsigned long long index,
+                   unsigned int type, unsigned short id, const char* mode, unsigned long long size,
+                   const RecordTimes& times) {
+    line.assign("0|");
+    line += name.path;
+    if (name.stream != nullptr) {
+        line += ':';
+        line += utf8(*name.stream);
+    }
+    line += name.kind;
+    line += name.deleted;
     line += '|';
     appendNumber(line, index);
     line += '-';
@@ -187,21 +227,18 @@ void writeBodyLine(Output& out, std::string& line, const std::string& name,
     out << line;
 }
 
-// One name of a record as fls lists it: a line per stream with the
-// $STANDARD_INFORMATION times, and the "($FILE_NAME)" line.
 void writeBodyName(Output& out, std::string& line, const RecordDetails& details,
                    const std::string& path) {
-    const std::string mode = modeText(details);
-    const std::string deleted = details.inUse ? "" : DELETED_SUFFIX;
+    const char* mode = modeText(details);
+    const char* deleted = details.inUse ? "" : DELETED_SUFFIX;
     if (const RecordFileName* name = timelineFileName(details))
-        writeBodyLine(out, line, path + FILE_NAME_SUFFIX + deleted, details.index, FILE_NAME_TYPE,
-                      name->attributeId, mode, name->valueLength, name->times);
-    for (const RecordStream& stream : details.streams) {
-        const std::string streamPath =
-            isDefaultStream(stream) ? path : path + ":" + utf8(stream.name);
-        writeBodyLine(out, line, streamPath + deleted, details.index, stream.type,
-                      stream.attributeId, mode, stream.size, details.standardTimes);
-    }
+        writeBodyLine(out, line, BodyName{path, nullptr, FILE_NAME_SUFFIX, deleted}, details.index,
+                      FILE_NAME_TYPE, name->attributeId, mode, name->valueLength, name->times);
+    for (const RecordStream& stream : details.streams)
+        writeBodyLine(out, line,
+                      BodyName{path, isDefaultStream(stream) ? nullptr : &stream.name, "", deleted},
+                      details.index, stream.type, stream.attributeId, mode, stream.size,
+                      details.standardTimes);
 }
 
 std::string csvField(const std::string& text) {
@@ -306,76 +343,91 @@ class Timeline {
 public:
     Timeline(Session& session, Format format, Volume& volume, MasterFileTable& mft)
         : m_session(session), m_format(format), m_volume(volume), m_mft(mft),
-          m_clusters(volumeClusterReader(mft, volume)) {}
+          m_clusters(volumeClusterReader(mft, volume)), m_slots(mftRecordSlots(mft, volume)),
+          m_paths(m_slots) {}
 
+    // One pass over the MFT. A record is written as soon as the records its
+    // path goes through have been read, which in index order is nearly
+    // always at once; the others, and records whose attribute list names
+    // extension records, wait in memory until the end of the pass.
     void run() {
-        learnNames();
         if (m_format == Format::Csv)
             m_session.out() << CSV_HEADER;
-        Progress progress("Writing the timeline", m_slots, showProgress());
+        Progress progress("Reading MFT records", m_slots, showProgress());
         std::string line;
         RecordDetails details;
         scanMftRecords(m_mft, m_volume,
                        [&](unsigned long long index, const unsigned char* bytes, std::size_t size) {
                            progress.update(index + 1);
-                           if (!RecordReader::read(bytes, size, index, details, m_clusters,
-                                                   m_volume.bytesPerCluster()) ||
-                               !usable(details) || isExtension(details))
+                           // A slot that holds no record is still noted as read.
+                           RecordReader::read(bytes, size, index, details, m_clusters,
+                                              m_volume.bytesPerCluster());
+                           if (!learn(details))
                                return;
-                           addExtensions(details);
-                           write(details, line);
+                           if (details.hasAttributeList || !settled(details))
+                               m_waiting.push_back(details);
+                           else
+                               write(details, line);
                        });
+        nameFromExtensions();
+        for (RecordDetails& waiting : m_waiting) {
+            addExtensions(waiting);
+            write(waiting, line);
+        }
     }
 
 private:
     bool showProgress() const { return stderrIsTerminal() && !m_session.options().verbose; }
 
-    // First pass: each record's name and parent; extension records are kept
-    // whole for their base record.
-    void learnNames() {
-        std::vector<Node> nodes;
-        RecordDetails details;
-        m_slots = mftRecordSlots(m_mft, m_volume);
-        Progress progress("Reading MFT records", m_slots, showProgress());
-        nodes.resize(m_slots);
-        scanMftRecords(m_mft, m_volume,
-                       [&](unsigned long long index, const unsigned char* bytes, std::size_t size) {
-                           progress.update(index + 1);
-                           if (index >= nodes.size() ||
-                               !RecordReader::read(bytes, size, index, details, m_clusters,
-                                                   m_volume.bytesPerCluster()) ||
-                               !usable(details))
-                               return;
-                           Node& node = nodes[index];
-                           node.fileRecord = true;
-                           node.inUse = details.inUse;
-                           node.sequence = details.sequence;
-                           if (isExtension(details)) {
-                               if (details.inUse)
-                                   m_extensions[details.baseRecord.index].push_back(details);
-                               return;
-                           }
-                           if (const RecordFileName* name = details.preferredName()) {
-                               node.name = name->name;
-                               node.parent = name->parent.index;
-                               node.parentSequence =
-                                   static_cast<unsigned short>(name->parent.sequence);
-                           }
-                       });
-        // A base record whose names all moved to extension records.
+    // Notes the record for the paths; true when it is a base record to write.
+    bool learn(const RecordDetails& details) {
+        Node* node = m_paths.node(details.index);
+        if (node == nullptr)
+            return false;
+        node->visited = true;
+        if (!details.isFileRecord || !usable(details))
+            return false;
+        node->fileRecord = true;
+        node->inUse = details.inUse;
+        node->sequence = details.sequence;
+        if (isExtension(details)) {
+            if (details.inUse)
+                m_extensions[details.baseRecord.index].push_back(details);
+            return false;
+        }
+        if (const RecordFileName* name = details.preferredName()) {
+            node->name = name->name;
+            node->parent = name->parent.index;
+            node->parentSequence = static_cast<unsigned short>(name->parent.sequence);
+        } else {
+            node->awaitsExtensions = details.hasAttributeList;
+        }
+        return true;
+    }
+
+    bool settled(const RecordDetails& details) const {
+        for (const RecordFileName& name : details.names)
+            if (!m_paths.settled(name.parent, !details.inUse))
+                return false;
+        return true;
+    }
+
+    // A base record whose names all moved to extension records.
+    void nameFromExtensions() {
         for (const auto& [base, extensions] : m_extensions) {
-            if (base >= nodes.size() || !nodes[base].name.empty())
+            Node* node = m_paths.node(base);
+            if (node == nullptr || !node->name.empty())
                 continue;
+            node->awaitsExtensions = false;
             for (const RecordDetails& extension : extensions) {
                 if (const RecordFileName* name = extension.preferredName()) {
-                    nodes[base].name = name->name;
-                    nodes[base].parent = name->parent.index;
-                    nodes[base].parentSequence = static_cast<unsigned short>(name->parent.sequence);
+                    node->name = name->name;
+                    node->parent = name->parent.index;
+                    node->parentSequence = static_cast<unsigned short>(name->parent.sequence);
                     break;
                 }
             }
         }
-        m_paths = std::make_unique<PathBook>(std::move(nodes));
     }
 
     void addExtensions(RecordDetails& details) const {
@@ -390,11 +442,14 @@ private:
     void write(const RecordDetails& details, std::string& line) {
         if (details.index == ROOT_RECORD)
             return; // the root is the volume's "/", not an entry of its own
-        std::vector<std::string> paths;
+        std::vector<std::string>& paths = m_namePaths;
+        paths.resize(details.names.size());
         bool named = false;
-        for (const RecordFileName& name : details.names) {
-            paths.push_back(m_paths->directoryOf(name.parent, !details.inUse) + "/" +
-                            utf8(name.name));
+        for (std::size_t i = 0; i < details.names.size(); ++i) {
+            const RecordFileName& name = details.names[i];
+            paths[i] = m_paths.directoryOf(name.parent, !details.inUse);
+            paths[i] += '/';
+            paths[i] += utf8(name.name);
             named = named || name.nameSpace != RecordFileName::DOS_NAME;
         }
         if (!named)
@@ -418,9 +473,11 @@ private:
     Volume& m_volume;
     MasterFileTable& m_mft;
     RecordReader::ClusterReader m_clusters;
-    unsigned long long m_slots = 0;
+    unsigned long long m_slots;
+    PathBook m_paths;
     std::unordered_map<unsigned long long, std::vector<RecordDetails>> m_extensions;
-    std::unique_ptr<PathBook> m_paths;
+    std::vector<RecordDetails> m_waiting;
+    std::vector<std::string> m_namePaths; // the current record's, kept for their memory
 };
 
 } // namespace

@@ -136,6 +136,12 @@ public:
                      RecordDetails& details, const ClusterReader& clusters = {},
                      unsigned int bytesPerCluster = 0);
 
+    // Only the record header (signature, sequence, flags, link count, base
+    // record, LSN), which the fix-ups never touch: for a first look at every
+    // slot of a large MFT. `fixupsApplied` and the attributes stay unset.
+    static bool readHeader(const unsigned char* bytes, std::size_t size, unsigned long long index,
+                           RecordDetails& details);
+
     // Adds an extension record's names and streams to its base record's
     // details (the caller checks that `extension.baseRecord` names `base`).
     // Attribute ids count within each record, so those of an extension
