@@ -244,14 +244,23 @@ bool RecordReader::read(const unsigned char* bytes, std::size_t size, unsigned l
                         unsigned int bytesPerCluster) {
     if (!readHeader(bytes, size, index, details))
         return false;
-    // The fix-ups go into a copy; a timeline reads every record of the MFT,
-    // so the copy and the attribute pieces keep their memory between calls.
+    // The fix-ups go into a copy, which keeps its memory between calls.
     thread_local std::vector<std::uint8_t> record;
-    thread_local std::vector<disk::AttributePiece> pieces;
     record.assign(bytes, bytes + size);
-    details.fixupsApplied = disk::applyFixups(record.data(), record.size());
+    return readInPlace(record.data(), record.size(), index, details, clusters, bytesPerCluster);
+}
+
+bool RecordReader::readInPlace(unsigned char* bytes, std::size_t size, unsigned long long index,
+                               RecordDetails& details, const ClusterReader& clusters,
+                               unsigned int bytesPerCluster) {
+    if (!readHeader(bytes, size, index, details))
+        return false;
+    // The pieces keep their memory between calls: a timeline reads every
+    // record of the MFT.
+    thread_local std::vector<disk::AttributePiece> pieces;
+    details.fixupsApplied = disk::applyFixups(bytes, size);
     pieces.clear();
-    details.attributesComplete = disk::parseRecordAttributes(record, pieces);
+    details.attributesComplete = disk::parseRecordAttributes(bytes, size, pieces);
     readAttributes(pieces, index, details, clusters, bytesPerCluster);
     return true;
 }

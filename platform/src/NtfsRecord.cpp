@@ -41,11 +41,16 @@ bool readFileRecordHeader(const LeView& record, FileRecordHeader& header) {
 
 bool parseRecordAttributes(const std::vector<std::uint8_t>& record,
                            std::vector<AttributePiece>& pieces) {
-    const LeView view(record.data(), record.size());
+    return parseRecordAttributes(record.data(), record.size(), pieces);
+}
+
+bool parseRecordAttributes(const std::uint8_t* record, std::size_t size,
+                           std::vector<AttributePiece>& pieces) {
+    const LeView view(record, size);
     const std::size_t limit = std::min<std::size_t>(view.u32(fileRecord::kBytesInUse), view.size());
     std::size_t offset = view.u16(fileRecord::kFirstAttribute);
     // Each attribute takes at least 16 bytes, which bounds the walk.
-    for (std::size_t guard = 0; guard < record.size() / 16; ++guard) {
+    for (std::size_t guard = 0; guard < size / 16; ++guard) {
         if (!view.has(offset, 8) || offset + 8 > limit)
             return offset >= limit;
         const std::uint32_t type = view.u32(offset + attrHeader::kType);

@@ -156,6 +156,8 @@ bool readFileRecordHeader(const LeView& record, FileRecordHeader& header);
 // ended at the end marker or the bytes in use, false when damage stopped it.
 bool parseRecordAttributes(const std::vector<std::uint8_t>& record,
                            std::vector<AttributePiece>& pieces);
+bool parseRecordAttributes(const std::uint8_t* record, std::size_t size,
+                           std::vector<AttributePiece>& pieces);
 
 // Joins the pieces of each non-resident attribute (same type and name) in
 // VCN order; the sizes come from the piece at VCN 0.

@@ -30,9 +30,9 @@ bool readAt(MasterFileTable& mft, unsigned long long sector, unsigned char* into
 
 } // namespace
 
-unsigned long long scanMftRecords(
-    MasterFileTable& mft, const Volume& volume,
-    const std::function<void(unsigned long long, const unsigned char*, std::size_t)>& visit) {
+unsigned long long
+scanMftRecords(MasterFileTable& mft, const Volume& volume,
+               const std::function<void(unsigned long long, unsigned char*, std::size_t)>& visit) {
     const unsigned long long recordSize = volume.bytesPerFileRecord();
     const unsigned long long sectorSize = volume.bytesPerSector();
     // Both are powers of two no larger than a chunk, so a chunk holds whole

@@ -13,12 +13,13 @@
 namespace kestrow::tool {
 
 // Calls `visit(index, bytes, size)` for every record slot of the MFT's runs
-// in index order; `size` is the volume's record size. Runs that cannot be
+// in index order; `size` is the volume's record size. The bytes lie in a
+// scratch buffer that `visit` may change (fix-ups in place). Runs that cannot be
 // read are skipped (their slots are not visited). Returns the number of
 // slots.
-unsigned long long scanMftRecords(
-    MasterFileTable& mft, const Volume& volume,
-    const std::function<void(unsigned long long, const unsigned char*, std::size_t)>& visit);
+unsigned long long
+scanMftRecords(MasterFileTable& mft, const Volume& volume,
+               const std::function<void(unsigned long long, unsigned char*, std::size_t)>& visit);
 
 // The number of record slots the MFT's runs hold.
 unsigned long long mftRecordSlots(MasterFileTable& mft, const Volume& volume);

@@ -99,36 +99,38 @@ public:
         return true;
     }
 
-    // The path of the directory a name stands in; ORPHAN_DIRECTORY when its
-    // chain is broken (a parent reused, missing or looping).
-    std::string directoryOf(const FileReference& parent, bool deleted) {
-        std::vector<unsigned long long> chain;
+    // Puts the path of the directory a name stands in into `path`;
+    // ORPHAN_DIRECTORY when its chain is broken (a parent reused, missing or
+    // looping).
+    void directoryOf(const FileReference& parent, bool deleted, std::string& path) {
         unsigned long long index = parent.index;
         unsigned short sequence = static_cast<unsigned short>(parent.sequence);
-        std::string path;
+        path.clear();
+        m_chain.clear();
         for (unsigned int depth = 0;; ++depth) {
             if (index == ROOT_RECORD)
                 break;
             if (depth == MAX_PATH_DEPTH || index >= m_nodes.size() ||
-                !fits(m_nodes[index], sequence, deleted) || m_nodes[index].name.empty())
-                return ORPHAN_DIRECTORY;
+                !fits(m_nodes[index], sequence, deleted) || m_nodes[index].name.empty()) {
+                path = ORPHAN_DIRECTORY;
+                return;
+            }
             if (m_cached[index]) {
                 path = m_paths[index];
                 break;
             }
-            chain.push_back(index);
+            m_chain.push_back(index);
             const Node& node = m_nodes[index];
             deleted = deleted || !node.inUse;
             sequence = node.parentSequence;
             index = node.parent;
         }
-        for (auto at = chain.rbegin(); at != chain.rend(); ++at) {
+        for (auto at = m_chain.rbegin(); at != m_chain.rend(); ++at) {
             path += '/';
             path += utf8(m_nodes[*at].name);
             m_cached[*at] = 1;
             m_paths[*at] = path;
         }
-        return path;
     }
 
 private:
@@ -147,6 +149,7 @@ private:
     std::vector<Node> m_nodes;
     std::vector<char> m_cached;
     std::vector<std::string> m_paths;
+    std::vector<unsigned long long> m_chain; // kept for its memory
 };
 
 // The $FILE_NAME whose times fls gives every name of a file: the last one
@@ -357,11 +360,11 @@ public:
         std::string line;
         RecordDetails details;
         scanMftRecords(m_mft, m_volume,
-                       [&](unsigned long long index, const unsigned char* bytes, std::size_t size) {
+                       [&](unsigned long long index, unsigned char* bytes, std::size_t size) {
                            progress.update(index + 1);
                            // A slot that holds no record is still noted as read.
-                           RecordReader::read(bytes, size, index, details, m_clusters,
-                                              m_volume.bytesPerCluster());
+                           RecordReader::readInPlace(bytes, size, index, details, m_clusters,
+                                                     m_volume.bytesPerCluster());
                            if (!learn(details))
                                return;
                            if (details.hasAttributeList || !settled(details))
@@ -396,7 +399,9 @@ private:
             return false;
         }
         if (const RecordFileName* name = details.preferredName()) {
-            node->name = name->name;
+            // Only a directory stands in paths; a file's name is its own line.
+            if (details.directory)
+                node->name = name->name;
             node->parent = name->parent.index;
             node->parentSequence = static_cast<unsigned short>(name->parent.sequence);
         } else {
@@ -447,7 +452,7 @@ private:
         bool named = false;
         for (std::size_t i = 0; i < details.names.size(); ++i) {
             const RecordFileName& name = details.names[i];
-            paths[i] = m_paths.directoryOf(name.parent, !details.inUse);
+            m_paths.directoryOf(name.parent, !details.inUse, paths[i]);
             paths[i] += '/';
             paths[i] += utf8(name.name);
             named = named || name.nameSpace != RecordFileName::DOS_NAME;

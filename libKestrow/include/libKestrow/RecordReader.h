@@ -136,6 +136,13 @@ public:
                      RecordDetails& details, const ClusterReader& clusters = {},
                      unsigned int bytesPerCluster = 0);
 
+    // As read, but the fix-ups are applied to the caller's own bytes, which
+    // are changed: for a caller that reads a whole MFT into a scratch buffer
+    // and would otherwise pay for a copy of every record.
+    static bool readInPlace(unsigned char* bytes, std::size_t size, unsigned long long index,
+                            RecordDetails& details, const ClusterReader& clusters = {},
+                            unsigned int bytesPerCluster = 0);
+
     // Only the record header (signature, sequence, flags, link count, base
     // record, LSN), which the fix-ups never touch: for a first look at every
     // slot of a large MFT. `fixupsApplied` and the attributes stay unset.
