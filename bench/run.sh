@@ -9,6 +9,7 @@
 #   every in-use record with its full path   kestrow paths   / fls -r -p, ntfsls -R
 #   owner of a cluster nobody owns            kestrow owner   / ifind -d
 #   the volume's used clusters                kestrow bitmap  / blkls -a -l
+#   a bodyfile of every file                  kestrow timeline / fls -r -m
 # and, in process (bench_mft_record_map), buildRecordMap's record rate beside
 # the floor: the MFT's runs read with pread into one reused buffer, in the
 # record buffer's chunks, nothing parsed (and, beside it, the same chunks
@@ -570,6 +571,41 @@ bench_image() {
     } >>"$CHECKS"
 }
 
+# ---- timeline: kestrow timeline against fls -r -m (bodyfiles) ---------------------
+# Kept apart from bench_image: its own check, timing and row, on the image
+# bench_image has just measured (IMG).
+
+kestrow_timeline() { "$KESTROW" --disk "$IMG" timeline C:; }
+fls_bodyfile() { fls -r -m / "$IMG"; }
+
+# name|inode|size|atime|mtime|ctime|crtime of each line, without fls's
+# $OrphanFiles directory and the reserved records it lists there unnamed.
+bodyfile_facts() {
+    awk -F '|' '$2 !~ /^\/\$OrphanFiles(\/OrphanFile-[0-9]+ \(deleted\))?$/ {
+        print $2 "|" $3 "|" $7 "|" $8 "|" $9 "|" $10 "|" $11 }' "$1" | sort
+}
+
+bench_timeline() {
+    local size=$1 out="$RESULTS/$1"
+    "$KESTROW" --disk "$IMG" timeline C: >"$out/timeline.body"
+    fls -r -m / "$IMG" >"$out/fls.body"
+    bodyfile_facts "$out/timeline.body" >"$out/timeline.facts"
+    bodyfile_facts "$out/fls.body" >"$out/fls.facts"
+    local only_k only_f
+    only_k=$(comm -23 "$out/timeline.facts" "$out/fls.facts" | wc -l)
+    only_f=$(comm -13 "$out/timeline.facts" "$out/fls.facts" | wc -l)
+    check "$size timeline: $(wc -l <"$out/timeline.facts") bodyfile lines; only kestrow timeline $only_k, only fls -r -m $only_f (name, inode, size, four times)"
+    say "$size: timing the bodyfile (kestrow timeline, fls -r -m), $RUNS round(s)"
+    measure "$out/times-timeline" kestrow_timeline fls_bodyfile
+    local tk tf
+    tk=$(median "$out/times-timeline" kestrow_timeline)
+    tf=$(median "$out/times-timeline" fls_bodyfile)
+    row "$size" "Bodyfile of every file (both time sets, streams, deleted records)" \
+        "kestrow timeline $(secs "$tk")" "fls -r -m $(secs "$tf")" "$(ratio_text "$tk" "$tf")" \
+        ">=10x faster" "$(at_least "$(awk -v a="$tf" -v b="$tk" 'BEGIN { print a / b }')" 10)"
+    check "$size timeline CPU (user + system) medians: kestrow timeline $(median "$out/times-timeline" kestrow_timeline 3) s, fls -r -m $(median "$out/times-timeline" fls_bodyfile 3) s"
+}
+
 # ---- run ------------------------------------------------------------------------
 
 LOAD_BEFORE=$(uptime)
@@ -580,6 +616,7 @@ page_cost() { awk -v w="$1" '$1 == w { print $2 }' "$RESULTS/page-faults.txt"; }
 FAULTS="a fresh 4 KiB page costs $(page_cost touched) us touched (64 MiB page by page), $(page_cost populated) us with MAP_POPULATE, $(page_cost hugepages) us on huge pages"
 for size in $SIZES; do
     bench_image "$size"
+    bench_timeline "$size"
 done
 LOAD_AFTER=$(uptime)
 
