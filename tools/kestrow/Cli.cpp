@@ -44,7 +44,7 @@ constexpr CommandHelp COMMANDS[] = {
      "own times, named streams as name:stream, and deleted records still in\n"
      "free MFT slots marked \"(deleted)\" with the path their parents give.\n"
      "--csv: a header row, then one row per record and name with both time\n"
-     "sets in ISO 8601 UTC. --jsonl: one JSON object per record.\n"},
+     "sets in ISO 8601 UTC. --jsonl (or --json): one JSON object per record.\n"},
     {"find", "kestrow find C: PATH",
      "Prints the records whose full path is PATH (the last name must match in\n"
      "its stored letter case).\n"},
@@ -176,6 +176,11 @@ Options parseCommandLine(int argc, char** argv) {
     }
     if (!options.command.empty() && !isCommand(options.command))
         throw UsageError("unknown command: " + options.command + " (see kestrow --help)");
+    if ((options.csv || options.jsonl) && options.command != "timeline" && !options.help)
+        throw UsageError(std::string(options.csv ? "--csv" : "--jsonl") +
+                         " is an option of timeline only");
+    if (options.all && options.command != "record" && !options.help)
+        throw UsageError("--all is an option of record only");
     return options;
 }
 

@@ -493,10 +493,12 @@ int timelineCommand(Session& session) {
         throw UsageError(
             std::string(options.arguments.empty() ? "missing arguments" : "too many arguments") +
             "; usage: " + usageOf(options.command));
-    if (options.csv && options.jsonl)
+    // --json, the machine-readable form every command takes, is JSON Lines.
+    const bool jsonLines = options.jsonl || options.json;
+    if (options.csv && jsonLines)
         throw UsageError("--csv and --jsonl cannot be given together");
     const Format format =
-        options.csv ? Format::Csv : (options.jsonl ? Format::JsonLines : Format::Body);
+        options.csv ? Format::Csv : (jsonLines ? Format::JsonLines : Format::Body);
     Volume& volume = session.openVolume(parseDriveLetter(options.arguments[0]));
     MasterFileTable& mft = session.openMft();
     Timeline timeline(session, format, volume, mft);
