@@ -299,7 +299,7 @@ int recordCommand(Session& session) {
     if (!mft.getValidMftRecord(FileReference(index, 0), record))
         throw CommandError("record " + number(index) + " of " + letterText(letter) +
                            " is not an in-use file record (free, deleted, an extension record "
-                           "or damaged)");
+                           "or damaged; add --all to see what it holds)");
     const bool directory = (record.getFileAttributes() & DIRECTORY_ATTRIBUTE) != 0;
     if (directory)
         mft.postProcessFileRecord(record);
