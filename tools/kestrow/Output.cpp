@@ -260,7 +260,11 @@ void appendUtf8(std::string& out, const orv::String& text) {
 
 std::string utf8(const std::u16string& text) {
     std::string out(text.size() * MAX_UTF8_PER_UNIT, '\0');
-    char* end = writeUtf8(out.data(), text.data(), static_cast<unsigned int>(text.size()));
+    // The library's UTF-16 unit is char16_t here and wchar_t on Windows: the
+    // same 16 bits.
+    static_assert(sizeof(orv::Char16) == sizeof(char16_t));
+    char* end = writeUtf8(out.data(), reinterpret_cast<const orv::Char16*>(text.data()),
+                          static_cast<unsigned int>(text.size()));
     out.resize(static_cast<std::size_t>(end - out.data()));
     return out;
 }
