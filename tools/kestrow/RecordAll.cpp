@@ -87,6 +87,14 @@ void writeJson(Output& out, const RecordDetails& details) {
         writeTimesJson(json, name.times);
         json.endObject();
     }
+    json.endArray().key("attributes").beginArray();
+    for (const RecordAttribute& attribute : details.attributes)
+        json.beginObject()
+            .field("type", static_cast<unsigned long long>(attribute.type))
+            .field("attributeId", static_cast<unsigned long long>(attribute.attributeId))
+            .field("name", utf8(attribute.name))
+            .field("resident", attribute.resident)
+            .endObject();
     json.endArray().key("streams").beginArray();
     for (const RecordStream& stream : details.streams)
         json.beginObject()
@@ -145,6 +153,15 @@ void writeText(Output& out, char letter, const RecordDetails& details) {
             << (stream.name.empty() ? "(unnamed)" : utf8(stream.name)) << "  " << stream.size
             << " bytes, " << (stream.resident ? "resident" : "non-resident") << ", id "
             << static_cast<unsigned long long>(stream.attributeId) << '\n';
+    out << "   Attributes        :";
+    for (const RecordAttribute& attribute : details.attributes) {
+        char type[16];
+        std::snprintf(type, sizeof type, " 0x%X-%u", attribute.type, attribute.attributeId);
+        out << type;
+        if (!attribute.name.empty())
+            out << "(" << utf8(attribute.name) << ")";
+    }
+    out << '\n';
     if (details.hasAttributeList && !details.attributeListRead)
         out << "   $ATTRIBUTE_LIST   : non-resident, its clusters could not be read\n";
     for (const RecordListMember& member : details.attributeList) {
