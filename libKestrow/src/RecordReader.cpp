@@ -242,8 +242,11 @@ bool RecordReader::readHeader(const unsigned char* bytes, std::size_t size,
 bool RecordReader::read(const unsigned char* bytes, std::size_t size, unsigned long long index,
                         RecordDetails& details, const ClusterReader& clusters,
                         unsigned int bytesPerCluster) {
-    if (!readHeader(bytes, size, index, details))
+    if (bytes == nullptr || size == 0) {
+        reset(details);
+        details.index = index;
         return false;
+    }
     // The fix-ups go into a copy, which keeps its memory between calls.
     thread_local std::vector<std::uint8_t> record;
     record.assign(bytes, bytes + size);

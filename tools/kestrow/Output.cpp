@@ -258,14 +258,20 @@ void appendUtf8(std::string& out, const orv::String& text) {
     out.resize(static_cast<std::size_t>(end - out.data()));
 }
 
-std::string utf8(const std::u16string& text) {
-    std::string out(text.size() * MAX_UTF8_PER_UNIT, '\0');
+void appendUtf8(std::string& out, const std::u16string& text) {
     // The library's UTF-16 unit is char16_t here and wchar_t on Windows: the
     // same 16 bits.
     static_assert(sizeof(orv::Char16) == sizeof(char16_t));
-    char* end = writeUtf8(out.data(), reinterpret_cast<const orv::Char16*>(text.data()),
+    const std::size_t start = out.size();
+    out.resize(start + text.size() * MAX_UTF8_PER_UNIT);
+    char* end = writeUtf8(out.data() + start, reinterpret_cast<const orv::Char16*>(text.data()),
                           static_cast<unsigned int>(text.size()));
     out.resize(static_cast<std::size_t>(end - out.data()));
+}
+
+std::string utf8(const std::u16string& text) {
+    std::string out;
+    appendUtf8(out, text);
     return out;
 }
 

@@ -127,7 +127,7 @@ public:
         }
         for (auto at = m_chain.rbegin(); at != m_chain.rend(); ++at) {
             path += '/';
-            path += utf8(m_nodes[*at].name);
+            appendUtf8(path, m_nodes[*at].name);
             m_cached[*at] = 1;
             m_paths[*at] = path;
         }
@@ -210,7 +210,7 @@ void writeBodyLine(Output& out, std::string& line, const BodyName& name, unsigne
     line += name.path;
     if (name.stream != nullptr) {
         line += ':';
-        line += utf8(*name.stream);
+        appendUtf8(line, *name.stream);
     }
     line += name.kind;
     line += name.deleted;
@@ -454,7 +454,7 @@ private:
             const RecordFileName& name = details.names[i];
             m_paths.directoryOf(name.parent, !details.inUse, paths[i]);
             paths[i] += '/';
-            paths[i] += utf8(name.name);
+            appendUtf8(paths[i], name.name);
             named = named || name.nameSpace != RecordFileName::DOS_NAME;
         }
         if (!named)
