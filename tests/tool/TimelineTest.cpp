@@ -108,10 +108,13 @@ void expectTimelineMatchesFls(const fs::path& image, std::uint64_t sectorOffset,
 
 // The Windows-made disk, extracted (sparse) into the build tree once; empty
 // when the archive is not there.
-fs::path fieldImage() {
+fs::path fieldDirectory() {
     const char* configured = std::getenv("KESTROW_FIELD_DIR");
-    const fs::path directory =
-        configured != nullptr ? fs::path(configured) : fs::path(KESTROW_FIELD_DIR);
+    return configured != nullptr ? fs::path(configured) : fs::path(KESTROW_FIELD_DIR);
+}
+
+fs::path fieldImage() {
+    const fs::path directory = fieldDirectory();
     const fs::path archive = directory / FIELD_ARCHIVE;
     if (!fs::exists(archive))
         return {};
@@ -137,8 +140,8 @@ TEST(ToolTimeline, BodyfileMatchesFlsOnEveryFixtureImage) {
 TEST(ToolTimeline, BodyfileMatchesFlsOnTheWindowsDisk) {
     const fs::path image = fieldImage();
     if (image.empty())
-        GTEST_SKIP() << "the Windows-made disk " << FIELD_ARCHIVE << " is not in "
-                     << KESTROW_FIELD_DIR << " (set KESTROW_FIELD_DIR)";
+        GTEST_SKIP() << "needs: the Windows-made disk " << FIELD_ARCHIVE << " in "
+                     << fieldDirectory().string() << " (or set KESTROW_FIELD_DIR)";
     expectTimelineMatchesFls(image, FIELD_PARTITIONS[0], "C:");
     expectTimelineMatchesFls(image, FIELD_PARTITIONS[1], "D:");
     // The disk holds a deleted file in a free record: it must be there.
