@@ -14,26 +14,6 @@ namespace disk = kestrow::platform::disk;
 
 namespace {
 
-// $STANDARD_INFORMATION value.
-namespace standardInformation {
-constexpr std::size_t kTimes = 0x00; // created, modified, MFT changed, accessed
-constexpr std::size_t kFlags = 0x20;
-constexpr std::size_t kOwnerId = 0x30;
-constexpr std::size_t kSecurityId = 0x34;
-} // namespace standardInformation
-
-// $FILE_NAME value.
-namespace fileName {
-constexpr std::size_t kParent = 0x00;
-constexpr std::size_t kTimes = 0x08; // created, modified, MFT changed, accessed
-constexpr std::size_t kAllocatedSize = 0x28;
-constexpr std::size_t kRealSize = 0x30;
-constexpr std::size_t kFlags = 0x38;
-constexpr std::size_t kNameLength = 0x40;
-constexpr std::size_t kNameSpace = 0x41;
-constexpr std::size_t kName = 0x42;
-} // namespace fileName
-
 FileReference referenceOf(std::uint64_t value) {
     return FileReference(value & disk::kReferenceMask, value >> 48);
 }
@@ -51,34 +31,35 @@ void readStandardInformation(const disk::NtfsAttribute& attribute, RecordDetails
     const disk::LeView value(attribute.value.data(), attribute.value.size());
     // The times and flags are in every version of the value; the owner and
     // security ids only in the longer one of NTFS 3.0 and later.
-    if (!value.has(0, standardInformation::kFlags + 4) || details.hasStandardInformation)
+    if (!value.has(0, disk::standardInformation::kFileAttributes + 4) ||
+        details.hasStandardInformation)
         return;
     details.hasStandardInformation = true;
-    details.standardTimes = timesAt(value, standardInformation::kTimes);
-    details.standardFlags = value.u32(standardInformation::kFlags);
-    if (value.has(standardInformation::kSecurityId, 4)) {
-        details.ownerId = value.u32(standardInformation::kOwnerId);
-        details.securityId = value.u32(standardInformation::kSecurityId);
+    details.standardTimes = timesAt(value, disk::standardInformation::kTimes);
+    details.standardFlags = value.u32(disk::standardInformation::kFileAttributes);
+    if (value.has(disk::standardInformation::kSecurityId, 4)) {
+        details.ownerId = value.u32(disk::standardInformation::kOwnerId);
+        details.securityId = value.u32(disk::standardInformation::kSecurityId);
     }
 }
 
 void readFileName(const disk::NtfsAttribute& attribute, unsigned long long record,
                   RecordDetails& details) {
     const disk::LeView value(attribute.value.data(), attribute.value.size());
-    const std::size_t units = value.u8(fileName::kNameLength);
-    if (!value.has(fileName::kName, units * 2))
+    const std::size_t units = value.u8(disk::fileName::kNameLength);
+    if (!value.has(disk::fileName::kName, units * 2))
         return; // a name cut short by damage is no name
     RecordFileName name;
     name.attributeId = attribute.id;
     name.record = record;
-    name.parent = referenceOf(value.u64(fileName::kParent));
-    name.nameSpace = value.u8(fileName::kNameSpace);
-    name.times = timesAt(value, fileName::kTimes);
-    name.allocatedSize = value.u64(fileName::kAllocatedSize);
-    name.realSize = value.u64(fileName::kRealSize);
-    name.flags = value.u32(fileName::kFlags);
+    name.parent = referenceOf(value.u64(disk::fileName::kParent));
+    name.nameSpace = value.u8(disk::fileName::kNameSpace);
+    name.times = timesAt(value, disk::fileName::kTimes);
+    name.allocatedSize = value.u64(disk::fileName::kAllocatedSize);
+    name.realSize = value.u64(disk::fileName::kRealSize);
+    name.flags = value.u32(disk::fileName::kFlags);
     name.valueLength = static_cast<unsigned int>(attribute.value.size());
-    name.name = disk::utf16At(value, fileName::kName, units);
+    name.name = disk::utf16At(value, disk::fileName::kName, units);
     details.names.push_back(std::move(name));
 }
 

@@ -27,10 +27,6 @@ constexpr std::size_t kNameLength = fileName::kNameLength; // within the $FILE_N
 constexpr std::size_t kName = fileName::kName;
 } // namespace index
 
-namespace standardInformation {
-constexpr std::size_t kFileAttributes = 0x20;
-}
-
 namespace volumeInformation {
 constexpr std::uint32_t kType = 0x70;
 constexpr std::size_t kMajorVersion = 0x08;

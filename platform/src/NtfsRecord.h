@@ -66,6 +66,26 @@ constexpr std::size_t kId = 0x18;
 constexpr std::size_t kMinimumLength = 0x1A;
 } // namespace listEntry
 
+// $STANDARD_INFORMATION value.
+namespace standardInformation {
+constexpr std::size_t kTimes = 0x00; // created, modified, MFT changed, accessed
+constexpr std::size_t kFileAttributes = 0x20;
+constexpr std::size_t kOwnerId = 0x30; // NTFS 3.0 and later
+constexpr std::size_t kSecurityId = 0x34;
+} // namespace standardInformation
+
+// $FILE_NAME value (also the key of a directory index entry).
+namespace fileName {
+constexpr std::size_t kParent = 0x00;
+constexpr std::size_t kTimes = 0x08; // created, modified, MFT changed, accessed
+constexpr std::size_t kAllocatedSize = 0x28;
+constexpr std::size_t kRealSize = 0x30;
+constexpr std::size_t kFlags = 0x38;
+constexpr std::size_t kNameLength = 0x40;
+constexpr std::size_t kNameSpace = 0x41;
+constexpr std::size_t kName = 0x42;
+} // namespace fileName
+
 constexpr std::uint64_t kReferenceMask = 0x0000FFFFFFFFFFFFull;
 constexpr std::size_t kFixupStride = 512;
 // The largest resident value copied out of a record.
