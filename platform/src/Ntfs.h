@@ -23,13 +23,6 @@
 
 namespace kestrow::platform::disk {
 
-// $FILE_NAME value (also the key of a directory index entry).
-namespace fileName {
-constexpr std::size_t kParent = 0x00;
-constexpr std::size_t kNameLength = 0x40;
-constexpr std::size_t kName = 0x42;
-} // namespace fileName
-
 // Well-known record numbers.
 namespace record {
 constexpr std::uint64_t kMft = 0;

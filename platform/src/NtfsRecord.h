@@ -22,12 +22,12 @@ namespace fileRecord {
 constexpr char kMagic[] = "FILE";
 constexpr std::size_t kUsaOffset = 0x04;
 constexpr std::size_t kUsaCount = 0x06;
-constexpr std::size_t kFirstAttribute = 0x14;
-constexpr std::size_t kFlags = 0x16;
-constexpr std::size_t kBytesInUse = 0x18;
 constexpr std::size_t kLogSequenceNumber = 0x08;
 constexpr std::size_t kSequenceNumber = 0x10;
 constexpr std::size_t kLinkCount = 0x12;
+constexpr std::size_t kFirstAttribute = 0x14;
+constexpr std::size_t kFlags = 0x16;
+constexpr std::size_t kBytesInUse = 0x18;
 constexpr std::size_t kBytesAllocated = 0x1C; // the record's size
 constexpr std::size_t kBaseRecord = 0x20;
 constexpr std::uint16_t kInUse = 0x0001;
