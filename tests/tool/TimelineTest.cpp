@@ -149,6 +149,17 @@ TEST(ToolTimeline, BodyfileMatchesFlsOnTheWindowsDisk) {
     EXPECT_NE(ours.out.find(" (deleted)|"), std::string::npos);
 }
 
+TEST(ToolTimeline, AnExtractedMftGivesTheVolumesTimeline) {
+    const fs::path image = kestrow::test::imagePath(FixtureImage::Rich);
+    const fs::path mft =
+        fs::temp_directory_path() / ("kestrow-timeline-" + std::to_string(::getpid()) + ".mft");
+    oracle::runToolChecked({"sh", "-c", "icat \"$0\" 0 > \"$1\"", image.string(), mft.string()});
+    const KestrowRun fromMft = kestrow(mft, {"timeline", "C:"});
+    fs::remove(mft);
+    EXPECT_EQ(fromMft.status, 0);
+    EXPECT_EQ(fromMft.out, kestrow(image, {"timeline", "C:"}).out);
+}
+
 TEST(ToolTimeline, MactimeReadsTheBodyfile) {
     const KestrowRun ours =
         kestrow(kestrow::test::imagePath(FixtureImage::Rich), {"timeline", "C:"});
