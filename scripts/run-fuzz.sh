@@ -1,21 +1,51 @@
 #!/usr/bin/env bash
 # Builds the libFuzzer targets (fuzz/*.cpp) with clang, AddressSanitizer and
-# UndefinedBehaviorSanitizer, and runs each of them for a bounded time.
+# UndefinedBehaviorSanitizer, replays the kept corpus of each and runs each
+# for a bounded time.
 #
-#   scripts/run-fuzz.sh [seconds-per-target] [build-dir]
+#   scripts/run-fuzz.sh [--merge] [--only TARGET] [seconds-per-target] [build-dir]
 #
-# Seconds default to 35; the build directory to <repo>/build-fuzz. The corpus
-# of each target lives in <build-dir>/corpus/<target> and grows from run to
-# run. An empty corpus is seeded with pieces of the NTFS fixture images
-# ($KESTROW_FIXTURE_DIR, else <repo>/build/fixtures), cut by fuzz/make_seeds.py.
-# Exits non-zero when a target finds a crash, a leak or undefined behaviour;
+# Seconds default to 35; the build directory to <repo>/build-fuzz.
+#
+# Corpora. fuzz/corpus/<target> is the kept, minimised corpus in the
+# repository. Every run first replays it (each input once: a regression
+# check), then fuzzes a working corpus in <build-dir>/corpus/<target> that
+# starts from the kept one plus fresh seeds cut from the NTFS fixture images
+# ($KESTROW_FIXTURE_DIR, else <repo>/build/fixtures) by fuzz/make_seeds.py,
+# and grows from run to run. With --merge the working corpus is minimised
+# into the kept one (libFuzzer's -merge=1: only inputs that reach new
+# coverage are kept) and the run is added to fuzz/campaign.tsv, the record of
+# the campaign: executions, edges and features reached, corpus size.
+#
+# The kept corpus has a budget: no input over its target's -max_len, and
+# fuzz/corpus at most KESTROW_CORPUS_BUDGET_KB (default 8192) in all; a merge
+# that would pass it fails and leaves the kept corpus as it was.
+#
+# Every target is given fuzz/dict/ntfs.dict, the NTFS structures' signatures,
+# type codes and run-list headers. Exits non-zero when a target finds a
+# crash, a leak, a hang or undefined behaviour (in the replay or the run);
 # the reproducer is left in <build-dir>/findings.
 set -euo pipefail
+
+merge=0
+only=""
+while [ $# -gt 0 ]; do
+  case "$1" in
+    --merge) merge=1; shift ;;
+    --only) only="$2"; shift 2 ;;
+    --help | -h) sed -n '2,27p' "$0" | sed 's/^# \{0,1\}//'; exit 0 ;;
+    *) break ;;
+  esac
+done
 
 seconds=${1:-35}
 root=$(cd "$(dirname "$0")/.." && pwd)
 build=${2:-$root/build-fuzz}
 fixtures=${KESTROW_FIXTURE_DIR:-$root/build/fixtures}
+kept_root="$root/fuzz/corpus"
+dictionary="$root/fuzz/dict/ntfs.dict"
+record="$root/fuzz/campaign.tsv"
+budget_kb=${KESTROW_CORPUS_BUDGET_KB:-8192}
 
 CC=${CC:-clang} CXX=${CXX:-clang++} cmake -S "$root" -B "$build" -G Ninja \
   -DCMAKE_BUILD_TYPE=RelWithDebInfo -DKESTROW_BUILD_FUZZ=ON -DKESTROW_SANITIZE=ON \
@@ -23,8 +53,12 @@ CC=${CC:-clang} CXX=${CXX:-clang++} cmake -S "$root" -B "$build" -G Ninja \
 
 targets=()
 for source in "$root"/fuzz/*.cpp; do
-  targets+=("fuzz_$(basename "$source" .cpp)")
+  target="fuzz_$(basename "$source" .cpp)"
+  if [ -z "$only" ] || [ "$only" = "$target" ] || [ "$only" = "${target#fuzz_}" ]; then
+    targets+=("$target")
+  fi
 done
+[ ${#targets[@]} -gt 0 ] || { echo "run-fuzz.sh: no target named $only" >&2; exit 2; }
 cmake --build "$build" --target "${targets[@]}"
 
 # ---- Seeds ---------------------------------------------------------------------------
@@ -35,7 +69,11 @@ cmake --build "$build" --target "${targets[@]}"
 seeds="$build/seeds"
 rm -rf "$seeds"
 mkdir -p "$seeds"
-python3 "$root/fuzz/make_seeds.py" "$fixtures" "$seeds"
+if [ -d "$fixtures" ]; then
+  python3 "$root/fuzz/make_seeds.py" "$fixtures" "$seeds"
+else
+  echo "run-fuzz.sh: no fixture images in $fixtures; fuzzing from the kept corpus only"
+fi
 
 # The largest input each target is given: room for its biggest seed.
 max_len() {
@@ -48,26 +86,90 @@ max_len() {
   esac
 }
 
+export ASAN_OPTIONS=detect_leaks=1:abort_on_error=1
+export UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1
+
+# run_target TARGET ARGS...: the target with the options every run shares.
+run_target() {
+  local target=$1
+  shift
+  "$build/fuzz/$target" -max_len="$(max_len "$target")" -timeout=10 -rss_limit_mb=2048 \
+    -dict="$dictionary" -artifact_prefix="$build/findings/$target-" "$@"
+}
+
+# stat LOG NAME: one of libFuzzer's final statistics (-print_final_stats=1).
+stat() { sed -n "s/^stat::$2: *//p" "$1" | tail -n 1; }
+
+# coverage LOG FIELD: the last "cov:" or "ft:" figure a run printed.
+coverage() { grep -o "$2: [0-9]*" "$1" | tail -n 1 | awk '{print $2}'; }
+
+# merge_into_kept TARGET: minimise the kept and the working corpus into a new
+# kept corpus, within the budget.
+merge_into_kept() {
+  local target=$1 kept="$kept_root/${1#fuzz_}" corpus="$build/corpus/$1"
+  local merged="$build/merged/${1#fuzz_}"
+  rm -rf "$merged"
+  mkdir -p "$merged" "$kept"
+  run_target "$target" -merge=1 "$merged" "$kept" "$corpus" >"$build/logs/$target-merge.log" 2>&1
+  local others size
+  others=$(du -sk --exclude="${1#fuzz_}" "$kept_root" | awk '{print $1}')
+  size=$(du -sk "$merged" | awk '{print $1}')
+  if [ $((others + size)) -gt "$budget_kb" ]; then
+    echo "!! $target: the merged corpus (${size} KiB) would take fuzz/corpus past ${budget_kb} KiB; kept as it was" >&2
+    return 1
+  fi
+  rm -rf "$kept"
+  mv "$merged" "$kept"
+}
+
 # ---- Runs -------------------------------------------------------------------------------
 
-mkdir -p "$build/findings"
+mkdir -p "$build/findings" "$build/logs"
+if [ "$merge" = 1 ] && [ ! -f "$record" ]; then
+  printf 'date\tcommit\ttarget\tseconds\texecutions\tedges\tfeatures\tkept_inputs\tkept_kib\tfindings\n' >"$record"
+fi
 status=0
 for target in "${targets[@]}"; do
+  kept="$kept_root/${target#fuzz_}"
   corpus="$build/corpus/$target"
   mkdir -p "$corpus"
-  if [ -z "$(ls -A "$corpus")" ]; then
-    if [ -d "$seeds/${target#fuzz_}" ]; then
-      cp "$seeds/${target#fuzz_}"/* "$corpus"/
+
+  # The kept corpus must replay clean: every input that once reached new
+  # coverage still runs without a finding.
+  if [ -d "$kept" ] && [ -n "$(ls -A "$kept")" ]; then
+    echo "== $target: replaying $(ls "$kept" | wc -l) kept inputs"
+    if ! run_target "$target" -runs=0 "$kept" >"$build/logs/$target-replay.log" 2>&1; then
+      tail -n 30 "$build/logs/$target-replay.log" >&2
+      echo "!! $target: the kept corpus does not replay clean; see $build/findings" >&2
+      status=1
+      continue
     fi
+    cp -n "$kept"/* "$corpus"/ 2>/dev/null || true
   fi
+  if [ -d "$seeds/${target#fuzz_}" ]; then
+    cp -n "$seeds/${target#fuzz_}"/* "$corpus"/ 2>/dev/null || true
+  fi
+
   echo "== $target: ${seconds}s, $(ls "$corpus" | wc -l) inputs in the corpus"
-  if ! ASAN_OPTIONS=detect_leaks=1:abort_on_error=1 \
-      UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1 \
-      "$build/fuzz/$target" -max_total_time="$seconds" -max_len="$(max_len "$target")" -timeout=10 \
-      -rss_limit_mb=2048 -artifact_prefix="$build/findings/$target-" -print_final_stats=1 \
-      "$corpus"; then
+  log="$build/logs/$target-run.log"
+  findings=0
+  if ! run_target "$target" -max_total_time="$seconds" -print_final_stats=1 "$corpus" >"$log" 2>&1; then
+    tail -n 40 "$log" >&2
     echo "!! $target found a problem; see $build/findings" >&2
+    findings=1
     status=1
+  fi
+  executions=$(stat "$log" number_of_executed_units)
+  edges=$(coverage "$log" cov)
+  features=$(coverage "$log" ft)
+  echo "   $target: ${executions:-?} executions, ${edges:-?} edges, ${features:-?} features"
+
+  if [ "$merge" = 1 ] && [ "$findings" = 0 ]; then
+    merge_into_kept "$target" || status=1
+    printf '%s\t%s\t%s\t%s\t%s\t%s\t%s\t%s\t%s\t%s\n' "$(date -u +%Y-%m-%dT%H:%MZ)" \
+      "$(git -C "$root" rev-parse --short HEAD 2>/dev/null || echo -)" "${target#fuzz_}" \
+      "$seconds" "${executions:-0}" "${edges:-0}" "${features:-0}" "$(ls "$kept" | wc -l)" \
+      "$(du -sk "$kept" | awk '{print $1}')" "$findings" >>"$record"
   fi
 done
 exit $status
