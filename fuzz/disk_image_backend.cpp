@@ -1,8 +1,10 @@
 // The disk-image backend on arbitrary bytes taken as a disk: partition
 // tables, boot sectors, the NTFS reader (record 0, attribute lists, run
-// lists, indexes, $Bitmap) and the FAT readers must neither crash, read
-// outside their buffers nor hang, whatever the disk holds.
+// lists, indexes, $Bitmap), the FAT readers and, for a disk that starts with
+// a FILE record, the extracted-MFT reader must neither crash, read outside
+// their buffers nor hang, whatever the disk holds.
 #include "../platform/src/DiskSet.h"
+#include "../platform/src/ExtractedMft.h"
 #include "../platform/src/Fat.h"
 
 #include <cstddef>
@@ -21,11 +23,13 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     for (const auto& volume : set.volumes) {
         if (volume->ntfs) {
             const disk::NtfsVolume& ntfs = *volume->ntfs;
+            // As the Windows calls reach the volume: an extracted MFT
+            // answers these without the clusters it lacks.
             std::uint64_t freeClusters = 0;
-            ntfs.countFreeClusters(freeClusters);
+            disk::countNtfsFreeClusters(*volume, freeClusters);
             disk::NtfsFileInfo info;
-            ntfs.lookup({u"$MFT"}, info);
-            ntfs.lookup({u"Docs", u"Sub", u"deep.txt"}, info);
+            disk::lookupNtfsPath(*volume, {u"$MFT"}, info);
+            disk::lookupNtfsPath(*volume, {u"Docs", u"Sub", u"deep.txt"}, info);
             std::vector<disk::NtfsAttribute> attributes;
             for (std::uint64_t record = 0; record < 32; ++record) {
                 if (ntfs.attributes(record, attributes) != 0)

@@ -59,7 +59,7 @@ for source in "$root"/fuzz/*.cpp; do
   fi
 done
 [ ${#targets[@]} -gt 0 ] || { echo "run-fuzz.sh: no target named $only" >&2; exit 2; }
-cmake --build "$build" --target "${targets[@]}"
+cmake --build "$build" --parallel "${KESTROW_FUZZ_JOBS:-2}" --target "${targets[@]}"
 
 # ---- Seeds ---------------------------------------------------------------------------
 
@@ -103,6 +103,10 @@ stat() { sed -n "s/^stat::$2: *//p" "$1" | tail -n 1; }
 # coverage LOG FIELD: the last "cov:" or "ft:" figure a run printed.
 coverage() { grep -o "$2: [0-9]*" "$1" | tail -n 1 | awk '{print $2}'; }
 
+# kib_of DIR [DU-OPTIONS]: the bytes the files hold, in KiB, as the
+# repository stores them (not the blocks they take on this file system).
+kib_of() { du -s --apparent-size -k "${@:2}" "$1" | awk '{print $1}'; }
+
 # merge_into_kept TARGET: minimise the kept and the working corpus into a new
 # kept corpus, within the budget.
 merge_into_kept() {
@@ -110,10 +114,15 @@ merge_into_kept() {
   local merged="$build/merged/${1#fuzz_}"
   rm -rf "$merged"
   mkdir -p "$merged" "$kept"
-  run_target "$target" -merge=1 "$merged" "$kept" "$corpus" >"$build/logs/$target-merge.log" 2>&1
+  # A merge that stops half-way must not replace the kept corpus.
+  if ! run_target "$target" -merge=1 "$merged" "$kept" "$corpus" >"$build/logs/$target-merge.log" 2>&1; then
+    tail -n 20 "$build/logs/$target-merge.log" >&2
+    echo "!! $target: the merge failed; the kept corpus is as it was" >&2
+    return 1
+  fi
   local others size
-  others=$(du -sk --exclude="${1#fuzz_}" "$kept_root" | awk '{print $1}')
-  size=$(du -sk "$merged" | awk '{print $1}')
+  others=$(kib_of "$kept_root" --exclude="${1#fuzz_}")
+  size=$(kib_of "$merged")
   if [ $((others + size)) -gt "$budget_kb" ]; then
     echo "!! $target: the merged corpus (${size} KiB) would take fuzz/corpus past ${budget_kb} KiB; kept as it was" >&2
     return 1
@@ -164,12 +173,16 @@ for target in "${targets[@]}"; do
   features=$(coverage "$log" ft)
   echo "   $target: ${executions:-?} executions, ${edges:-?} edges, ${features:-?} features"
 
-  if [ "$merge" = 1 ] && [ "$findings" = 0 ]; then
-    merge_into_kept "$target" || status=1
+  # A run with a finding is recorded too, but nothing of it is merged: its
+  # reproducer goes into the kept corpus with the fix.
+  if [ "$merge" = 1 ]; then
+    if [ "$findings" = 0 ]; then
+      merge_into_kept "$target" || status=1
+    fi
     printf '%s\t%s\t%s\t%s\t%s\t%s\t%s\t%s\t%s\t%s\n' "$(date -u +%Y-%m-%dT%H:%MZ)" \
       "$(git -C "$root" rev-parse --short HEAD 2>/dev/null || echo -)" "${target#fuzz_}" \
       "$seconds" "${executions:-0}" "${edges:-0}" "${features:-0}" "$(ls "$kept" | wc -l)" \
-      "$(du -sk "$kept" | awk '{print $1}')" "$findings" >>"$record"
+      "$(kib_of "$kept")" "$findings" >>"$record"
   fi
 done
 exit $status
