@@ -18,8 +18,9 @@
 # the campaign: executions, edges and features reached, corpus size.
 #
 # The kept corpus has a budget: no input over its target's -max_len, and
-# fuzz/corpus at most KESTROW_CORPUS_BUDGET_KB (default 8192) in all; a merge
-# that would pass it fails and leaves the kept corpus as it was.
+# fuzz/corpus at most KESTROW_CORPUS_BUDGET_KB (default 8192) KiB in all as
+# the repository stores it (compressed: the disk images are mostly zeros); a
+# merge that would pass it fails and leaves the kept corpus as it was.
 #
 # Every target is given fuzz/dict/ntfs.dict, the NTFS structures' signatures,
 # type codes and run-list headers. Exits non-zero when a target finds a
@@ -103,28 +104,49 @@ stat() { sed -n "s/^stat::$2: *//p" "$1" | tail -n 1; }
 # coverage LOG FIELD: the last "cov:" or "ft:" figure a run printed.
 coverage() { grep -o "$2: [0-9]*" "$1" | tail -n 1 | awk '{print $2}'; }
 
-# kib_of DIR [DU-OPTIONS]: the bytes the files hold, in KiB, as the
-# repository stores them (not the blocks they take on this file system).
-kib_of() { du -s --apparent-size -k "${@:2}" "$1" | awk '{print $1}'; }
+# kib_of DIR: the bytes the files hold, in KiB (not the blocks they take on
+# this file system).
+kib_of() { du -s --apparent-size -k "$1" | awk '{print $1}'; }
+
+# stored_kib DIR...: the files of the directories compressed as the
+# repository stores them, in KiB.
+stored_kib() {
+  [ $# -gt 0 ] || { echo 0; return; }
+  echo $(($(tar -cf - "$@" 2>/dev/null | gzip -6 | wc -c) / 1024))
+}
 
 # merge_into_kept TARGET: minimise the kept and the working corpus into a new
-# kept corpus, within the budget.
+# kept corpus, within the budget. The fresh seeds go into the merge first and
+# out of its result: every run makes them again from the fixture images, so
+# the kept corpus holds only what reaches coverage beyond them (the seeds are
+# whole compact volumes and disks, far larger than what grows from them).
 merge_into_kept() {
   local target=$1 kept="$kept_root/${1#fuzz_}" corpus="$build/corpus/$1"
-  local merged="$build/merged/${1#fuzz_}"
+  local merged="$build/merged/${1#fuzz_}" seed
   rm -rf "$merged"
   mkdir -p "$merged" "$kept"
+  if [ -d "$seeds/${1#fuzz_}" ]; then
+    cp "$seeds/${1#fuzz_}"/* "$merged"/
+  fi
   # A merge that stops half-way must not replace the kept corpus.
   if ! run_target "$target" -merge=1 "$merged" "$kept" "$corpus" >"$build/logs/$target-merge.log" 2>&1; then
     tail -n 20 "$build/logs/$target-merge.log" >&2
     echo "!! $target: the merge failed; the kept corpus is as it was" >&2
     return 1
   fi
-  local others size
-  others=$(kib_of "$kept_root" --exclude="${1#fuzz_}")
-  size=$(kib_of "$merged")
-  if [ $((others + size)) -gt "$budget_kb" ]; then
-    echo "!! $target: the merged corpus (${size} KiB) would take fuzz/corpus past ${budget_kb} KiB; kept as it was" >&2
+  if [ -d "$seeds/${1#fuzz_}" ]; then
+    for seed in "$seeds/${1#fuzz_}"/*; do
+      rm -f "$merged/$(basename "$seed")"
+    done
+  fi
+  local others=() size total dir
+  for dir in "$kept_root"/*/; do
+    [ "$(basename "$dir")" = "${1#fuzz_}" ] || others+=("$dir")
+  done
+  size=$(stored_kib "$merged")
+  total=$((size + $(stored_kib "${others[@]}")))
+  if [ "$total" -gt "$budget_kb" ]; then
+    echo "!! $target: the merged corpus (${size} KiB stored) would take fuzz/corpus to ${total} KiB, past ${budget_kb}; kept as it was" >&2
     return 1
   fi
   rm -rf "$kept"
