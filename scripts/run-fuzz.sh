@@ -17,7 +17,7 @@
 # coverage are kept) and the run is added to fuzz/campaign.tsv, the record of
 # the campaign: executions, edges and features reached, corpus size.
 #
-# The kept corpus has a budget: no input over its target's -max_len, and
+# The kept corpus has a budget: no input over its target's kept_max_len, and
 # fuzz/corpus at most KESTROW_CORPUS_BUDGET_KB (default 8192) KiB in all as
 # the repository stores it (compressed: the disk images are mostly zeros); a
 # merge that would pass it fails and leaves the kept corpus as it was.
@@ -87,6 +87,17 @@ max_len() {
   esac
 }
 
+# The largest input the kept corpus holds. Disks and volumes are cut to their
+# first 64 KiB there (boot sector, partition tables, the first records of a
+# compact MFT): the inputs that grow from the seeds are mostly whole copies
+# of them, and kept whole they would take tens of MiB.
+kept_max_len() {
+  case "$1" in
+    fuzz_ntfs_volume | fuzz_disk_image_backend | fuzz_master_file_table) echo 65536 ;;
+    *) max_len "$1" ;;
+  esac
+}
+
 export ASAN_OPTIONS=detect_leaks=1:abort_on_error=1
 export UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1
 
@@ -129,7 +140,8 @@ merge_into_kept() {
     cp "$seeds/${1#fuzz_}"/* "$merged"/
   fi
   # A merge that stops half-way must not replace the kept corpus.
-  if ! run_target "$target" -merge=1 "$merged" "$kept" "$corpus" >"$build/logs/$target-merge.log" 2>&1; then
+  if ! run_target "$target" -merge=1 -max_len="$(kept_max_len "$target")" "$merged" "$kept" "$corpus" \
+    >"$build/logs/$target-merge.log" 2>&1; then
     tail -n 20 "$build/logs/$target-merge.log" >&2
     echo "!! $target: the merge failed; the kept corpus is as it was" >&2
     return 1
