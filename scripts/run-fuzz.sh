@@ -5,7 +5,7 @@
 #
 #   scripts/run-fuzz.sh [--merge] [--only TARGET] [seconds-per-target] [build-dir]
 #
-# Seconds default to 35; the build directory to <repo>/build-fuzz.
+# Seconds default to 30; the build directory to <repo>/build-fuzz.
 #
 # Corpora. fuzz/corpus/<target> is the kept, minimised corpus in the
 # repository. Every run first replays it (each input once: a regression
@@ -39,7 +39,7 @@ while [ $# -gt 0 ]; do
   esac
 done
 
-seconds=${1:-35}
+seconds=${1:-30}
 root=$(cd "$(dirname "$0")/.." && pwd)
 build=${2:-$root/build-fuzz}
 fixtures=${KESTROW_FIXTURE_DIR:-$root/build/fixtures}
