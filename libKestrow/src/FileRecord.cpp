@@ -54,15 +54,20 @@ bool isShortName(const orv::Char16* units, unsigned int count) noexcept {
 
 } // namespace kestrow::filerecord
 
-bool AttributeView::isNamedI30() const noexcept {
+bool AttributeView::isNamedI30() const {
     static constexpr char16_t I30[] = u"$I30";
     constexpr unsigned int I30_UNITS = 4;
-    if (nameLength() != I30_UNITS || nameOffset() == 0)
-        return false;
-    if (!has(nameOffset(), I30_UNITS * 2))
+    const unsigned int units = nameLength();
+    const std::uint16_t at = nameOffset();
+    if (units == 0 || at == 0)
+        return false; // no name: nothing is read
+    // The name is read whole before it is compared, so a name that runs past
+    // the record is a read outside it even when its length is not that of "$I30".
+    require(at, 2ULL * units);
+    if (units != I30_UNITS)
         return false;
     for (unsigned int i = 0; i < I30_UNITS; ++i)
-        if (u16(nameOffset() + 2 * i) != I30[i])
+        if (u16(at + 2 * i) != I30[i])
             return false;
     return true;
 }
@@ -221,7 +226,8 @@ void FileRecordParser::walkAttributes(FileRecord& self, orv::Buffer<unsigned cha
         return;
     const bool summaries = detail == ParseDetail::FULL;
     const ByteBlock record(buffer.data(), buffer.size());
-    // Guard: a buffer too short for the header holds no record.
+    // The first 48 bytes are taken as the header: a buffer too short for them
+    // holds no record.
     if (!record.has(0, FileRecordHeader::SIZE))
         return;
     if (!record.bytesEqual(FileRecordHeader::SIGNATURE_OFFSET, FileRecordHeader::SIGNATURE, 4))
@@ -233,49 +239,52 @@ void FileRecordParser::walkAttributes(FileRecord& self, orv::Buffer<unsigned cha
     const std::uint32_t bytesInUse = record.u32(FileRecordHeader::BYTES_IN_USE);
     const std::uint32_t bytesAllocated = record.u32(FileRecordHeader::BYTES_ALLOCATED);
     std::uint64_t offset = record.u16(FileRecordHeader::FIRST_ATTRIBUTE_OFFSET);
-    while (offset < bytesInUse) {
-        // Guard: the walk stops where an attribute's type code or common header
-        // would lie outside the buffer.
-        if (!record.has(offset, AttributeHeader::COMMON_SIZE))
-            break;
-        if (record.u32(offset + AttributeHeader::TYPE_CODE) == AttributeHeader::END_MARKER)
-            break;
-        const std::uint32_t length = record.u32(offset + AttributeHeader::LENGTH);
-        const bool nonResident = record.u8(offset + AttributeHeader::NON_RESIDENT) != 0;
-        // Guard: an attribute shorter than its own header form (a length of 0
-        // would never advance) or one that runs past the buffer ends the walk;
-        // every well-formed attribute passes.
-        const std::uint64_t headerSize =
-            nonResident ? NonResidentHeader::SIZE : ResidentHeader::SIZE;
-        if (length < headerSize || !record.has(offset, length))
-            break;
-
-        // The record's figures are set before every attribute, so after the walk
-        // they are those of the last attribute: its own sizes if it was
-        // non-resident, otherwise the record's. The order is intended.
-        m_allocatedSize = static_cast<std::uint32_t>(m_volume->bytesPerSector() * bytesAllocated);
-        m_realSize = bytesInUse;
-        if (!nonResident) {
-            const ResidentAttributeHeader attribute(record, offset, length);
-            if (summaries) {
-                AttributeSummary summary;
-                self.processResidentAttribute(&attribute, summary);
-                self.m_attributes.append(std::move(summary));
+    // Every read below is checked: the walk ends at its first read outside the
+    // buffer, with everything before it done (see FileRecordLayout.h). An
+    // attribute whose length reads past the record (the update sequence
+    // number sits in it) is still handled and summarised; adding its length
+    // then ends the walk.
+    try {
+        while (offset < bytesInUse) {
+            if (record.u32(offset + AttributeHeader::TYPE_CODE) == AttributeHeader::END_MARKER)
+                break;
+            // The record's figures are set before every attribute, so after the
+            // walk they are those of the last attribute: its own sizes if it was
+            // non-resident, otherwise the record's. The order is intended.
+            m_allocatedSize =
+                static_cast<std::uint32_t>(m_volume->bytesPerSector() * bytesAllocated);
+            m_realSize = bytesInUse;
+            const bool nonResident = record.u8(offset + AttributeHeader::NON_RESIDENT) != 0;
+            // The length lies before the non-resident flag just read.
+            const std::uint32_t length = record.u32(offset + AttributeHeader::LENGTH);
+            if (!nonResident) {
+                const ResidentAttributeHeader attribute(record, offset);
+                if (summaries) {
+                    AttributeSummary summary;
+                    self.processResidentAttribute(&attribute, summary);
+                    self.m_attributes.append(std::move(summary));
+                } else {
+                    processResidentForSummary(self, attribute);
+                }
             } else {
-                processResidentForSummary(self, attribute);
+                // Rare (a few in a hundred records), and it logs: one handler for
+                // both details, its summary dropped when none is kept.
+                const NonResidentAttributeHeader attribute(record, offset);
+                AttributeSummary summary;
+                self.processNonResidentAttribute(&attribute, summary);
+                if (summaries)
+                    self.m_attributes.append(std::move(summary));
             }
-        } else {
-            // Rare (a few in a hundred records), and it logs: one handler for
-            // both details, its summary dropped when none is kept.
-            const NonResidentAttributeHeader attribute(record, offset, length);
-            AttributeSummary summary;
-            self.processNonResidentAttribute(&attribute, summary);
-            if (summaries)
-                self.m_attributes.append(std::move(summary));
+            m_allocatedSize &= SIZE_MASK_44;
+            m_realSize &= SIZE_MASK_44;
+            // Guard: an attribute of length 0 would be walked again and again;
+            // the walk ends after its first pass.
+            if (length == 0)
+                break;
+            offset += length;
         }
-        m_allocatedSize &= SIZE_MASK_44;
-        m_realSize &= SIZE_MASK_44;
-        offset += length;
+    } catch (const OutsideTheBlock&) {
+        // The walk's first read outside the record: it ends here.
     }
 }
 
@@ -311,21 +320,24 @@ void FileRecordParser::collectAttributeListEntries(FileRecord& record,
                                                    const AttributeView& attribute,
                                                    std::uint64_t firstEntry) {
     const unsigned long long ownIndex = record.m_mftIndex.index;
+    const std::uint32_t end = attribute.length();
     std::uint64_t entry = firstEntry;
-    while (entry < attribute.length()) {
-        // Guard: an entry whose length or reference would lie outside the buffer
-        // ends the list. Reads may pass the attribute's own end (a non-resident
-        // list is walked over its run list), never the buffer's.
-        if (!attribute.has(entry, AttributeListEntry::REFERENCE + 8))
-            return;
-        const std::uint16_t length = attribute.u16(entry + AttributeListEntry::LENGTH);
-        if (length == 0)
-            return;
-        const unsigned long long index =
-            attribute.u64(entry + AttributeListEntry::REFERENCE) & RECORD_INDEX_MASK;
-        if (index != ownIndex && !record.m_externalAttributeReferences.contains(index))
-            record.m_externalAttributeReferences.append(index);
-        entry += length;
+    // Entries may pass the attribute's own end (a non-resident list is walked
+    // over its run list, a length may read huge); the list ends at its first
+    // read outside the record.
+    try {
+        while (entry < end) {
+            const std::uint16_t length = attribute.u16(entry + AttributeListEntry::LENGTH);
+            if (length == 0)
+                return;
+            const unsigned long long index =
+                attribute.u64(entry + AttributeListEntry::REFERENCE) & RECORD_INDEX_MASK;
+            if (index != ownIndex && !record.m_externalAttributeReferences.contains(index))
+                record.m_externalAttributeReferences.append(index);
+            entry += length;
+        }
+    } catch (const OutsideTheBlock&) {
+        // The list's first read outside the record: it ends here.
     }
 }
 
@@ -345,15 +357,13 @@ void copyNameUnits(const ResidentAttributeHeader& attribute, orv::Char16* units,
 void FileRecordParser::processFileName(FileRecord& record,
                                        const ResidentAttributeHeader& attribute) {
     using namespace kestrow::ntfs::FileNameAttribute;
-    // Guard: a $FILE_NAME too short to hold its fixed part gives no name.
-    if (!attribute.has(0, NAME))
-        return;
+    // The name is read first, its length and then its units; a name outside
+    // the record ends the attribute walk there. The fields before the name
+    // lie inside whenever its length does.
     const unsigned int length = attribute.u8(NAME_LENGTH);
     if (length == 0)
         return;
-    // Guard: a name running past the buffer is not read.
-    if (!attribute.has(NAME, 2ULL * length))
-        return;
+    attribute.require(NAME, 2ULL * length);
 
     const std::uint64_t parent = attribute.u64(PARENT_REFERENCE);
     record.m_parentMftIndex = FileReference(parent, parent >> 48);
@@ -398,15 +408,12 @@ void FileRecordParser::processIndexRoot(FileRecord& record,
                                         const ResidentAttributeHeader& attribute) {
     if (!attribute.isNamedI30())
         return;
-    const std::uint64_t value = attribute.offset() + attribute.valueOffset();
+    const std::uint16_t valueOffset = attribute.valueOffset();
+    const std::uint64_t value = attribute.offset() + valueOffset;
     const ByteBlock& buffer = attribute.record();
-    // Guard: a value offset that puts the index header outside the buffer
-    // gives no entries.
-    if (!buffer.has(value, IndexRoot::FIRST_ENTRY))
-        return;
     // 32-bit unsigned arithmetic, as the format's fields are; a wrapped bound is
-    // harmless because the walk itself stays inside the buffer.
-    const std::uint32_t available = attribute.length() - attribute.valueOffset();
+    // harmless because the entry walk ends at its first read outside the buffer.
+    const std::uint32_t available = attribute.length() - valueOffset;
     const std::uint32_t totalSize = buffer.u32(value + IndexRoot::TOTAL_ENTRY_SIZE);
     const std::uint32_t length =
         (available < totalSize ? available : totalSize) - IndexRoot::HEADER_SIZE;

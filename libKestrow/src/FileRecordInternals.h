@@ -89,32 +89,29 @@ inline orv::Array<ClusterRange> decodeRunList(const orv::Buffer<unsigned char>& 
 // `first` in `block`, while the consumed count stays below `bound`, hands the
 // 48-bit record index of every entry of at least 82 bytes to `add`. The
 // consumed count grows by the length of the entry about to be read, not the
-// one just read; that bound is kept as it is.
+// one just read; that bound is kept as it is. The walk stops at its first
+// read outside the block: an entry whose reference and length lie inside is
+// taken even when its key runs past the end, and the walk ends when it reads
+// the next entry's length there.
 template <class Add>
 void walkIndexEntries(const ntfs::ByteBlock& block, std::uint64_t first, std::uint64_t bound,
                       Add&& add) {
     using namespace ntfs;
-    std::uint64_t entry = first;
-    // Guard: an entry offset past the block (a bad first-entry field, or a
-    // step past the end) ends the walk instead of reading outside it.
-    if (!block.has(entry, IndexEntry::HEADER_READ))
-        return;
-    std::uint64_t length = block.u16(entry + IndexEntry::LENGTH);
-    // 64 bits: the sum of 16-bit lengths cannot wrap and restart the walk.
-    std::uint64_t consumed = 0;
-    while (consumed < bound) {
-        if (length < IndexEntry::MIN_LENGTH)
-            return;
-        // Guard: an entry that runs past the block ends the walk; no well-formed
-        // entry does.
-        if (!block.has(entry, length))
-            return;
-        add(block.u64(entry + IndexEntry::REFERENCE) & RECORD_INDEX_MASK);
-        entry += length;
-        if (!block.has(entry, IndexEntry::HEADER_READ))
-            return;
-        length = block.u16(entry + IndexEntry::LENGTH);
-        consumed += length;
+    try {
+        std::uint64_t entry = first;
+        std::uint64_t length = block.u16(entry + IndexEntry::LENGTH);
+        // 64 bits: the sum of 16-bit lengths cannot wrap and restart the walk.
+        std::uint64_t consumed = 0;
+        while (consumed < bound) {
+            if (length < IndexEntry::MIN_LENGTH)
+                return;
+            add(block.u64(entry + IndexEntry::REFERENCE) & RECORD_INDEX_MASK);
+            entry += length;
+            length = block.u16(entry + IndexEntry::LENGTH);
+            consumed += length;
+        }
+    } catch (const OutsideTheBlock&) {
+        // The walk's first read outside the block: it ends here.
     }
 }
 

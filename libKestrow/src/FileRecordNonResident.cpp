@@ -31,16 +31,19 @@ std::uint64_t readLittleEndian(const unsigned char* bytes, unsigned int width) n
 orv::Buffer<unsigned char> extractRunBytes(const NonResidentAttributeHeader& attribute,
                                            unsigned int bytesPerFileRecord) {
     orv::Buffer<unsigned char> runBytes;
-    if (attribute.length() > bytesPerFileRecord) {
+    const std::uint32_t length = attribute.length();
+    if (length > bytesPerFileRecord) {
         logLine("127 Found invalid attribute length");
         return runBytes;
     }
-    // Guard: a run-list offset at or past the attribute's end leaves no run
-    // bytes (the attribute itself lies inside the buffer, the walk checked it).
+    // A run-list offset at or past the attribute's end leaves no bytes between
+    // the two. Run bytes that would reach past the record are a read outside
+    // it: the attribute walk ends there.
     const std::uint16_t first = attribute.runListOffset();
-    if (first >= attribute.length())
+    if (first >= length)
         return runBytes;
-    runBytes.assign(attribute.start() + first, attribute.length() - first);
+    attribute.require(first, length - first);
+    runBytes.assign(attribute.start() + first, length - first);
     return runBytes;
 }
 
@@ -59,8 +62,8 @@ orv::Array<ClusterRange> decodeRunList(const unsigned char* runBytes, std::uint6
     std::uint64_t totalClusters = 0;
     std::uint64_t currentCluster = 0;
     std::uint64_t position = 0;
-    // Guard: a list without its end marker ends where its bytes end, instead of
-    // reading the header byte after them.
+    // A list without its end marker ends where its bytes end: the header byte
+    // after them would be the first read outside.
     while (position < size) {
         const unsigned char header = runBytes[position];
         if (header == 0)

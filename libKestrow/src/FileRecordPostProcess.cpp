@@ -12,38 +12,50 @@ using namespace kestrow::ntfs;
 
 namespace {
 
-// The largest single read of an index allocation range.
+// The largest single read of an index allocation range, and how far past it
+// each piece reaches so that the entries of a block near its end are read
+// from bytes in memory (see readIndexBlocks).
 constexpr std::uint64_t READ_PIECE = 16 * 1024 * 1024;
+constexpr std::uint64_t PIECE_OVERLAP = 1024 * 1024;
 
 // Walks the entries of every index block that begins at one of the first
-// `sectors` sector starts of the buffer. Index blocks are recognised at every
+// `sectors` sector starts of `held`. Index blocks are recognised at every
 // sector start: the block size is taken neither from the volume nor from
-// $INDEX_ROOT.
+// $INDEX_ROOT. `held` holds the range's bytes from its sector `firstSector`
+// on; the range is `rangeBytes` long, and the bound of each block is measured
+// to the range's end, as for one buffer of the whole range. Each block's
+// entry walk ends at its first read outside the bytes held: a block in the
+// last sector of the range (its run starts a few sectors before the block,
+// as on a volume that does not begin on a cluster boundary of its drive)
+// gives the entries whose reference and length lie inside.
 template <class Add>
-void addIndexBlockEntries(const orv::Buffer<unsigned char>& buffer, std::uint64_t sectors,
+void addIndexBlockEntries(const orv::Buffer<unsigned char>& held, std::uint64_t firstSector,
+                          std::uint64_t sectors, std::uint64_t rangeBytes,
                           std::uint32_t bytesPerSector, Add& add) {
-    const ByteBlock blocks(buffer.data(), buffer.size());
-    const std::uint64_t size = buffer.size();
-    for (std::uint64_t sector = 0; sector < sectors; ++sector) {
-        const std::uint64_t block = sector * bytesPerSector;
-        // Guard: the node header must lie inside what was read.
-        if (!blocks.has(block, IndexBlock::HEADER_READ))
-            break;
-        if (!blocks.bytesEqual(block, IndexBlock::SIGNATURE, 4))
-            continue;
-        const std::uint32_t firstEntry = blocks.u32(block + IndexBlock::FIRST_ENTRY_OFFSET);
-        const std::uint32_t entriesSize = blocks.u32(block + IndexBlock::ENTRIES_SIZE);
-        // 32-bit unsigned arithmetic as designed: a first-entry field past the
-        // buffer wraps the second term to a large number; the walk's own bounds
-        // check keeps it inside the buffer then.
-        const std::uint32_t declared = entriesSize + IndexBlock::NODE_HEADER_SIZE;
-        const std::uint32_t remaining = static_cast<std::uint32_t>(size) -
-                                        static_cast<std::uint32_t>(block) - firstEntry -
-                                        IndexBlock::NODE_HEADER_SIZE;
-        const std::uint32_t bound = declared < remaining ? declared : remaining;
-        if (bound != 0)
-            kestrow::filerecord::walkIndexEntries(
-                blocks, block + IndexBlock::NODE_HEADER + firstEntry, bound, add);
+    const ByteBlock blocks(held.data(), held.size());
+    try {
+        for (std::uint64_t sector = 0; sector < sectors; ++sector) {
+            const std::uint64_t block = sector * bytesPerSector;
+            if (!blocks.bytesEqual(block, IndexBlock::SIGNATURE, 4))
+                continue;
+            const std::uint32_t firstEntry = blocks.u32(block + IndexBlock::FIRST_ENTRY_OFFSET);
+            const std::uint32_t entriesSize = blocks.u32(block + IndexBlock::ENTRIES_SIZE);
+            // 32-bit unsigned arithmetic as designed: a first-entry field past
+            // the range wraps the second term to a large number; the entry walk
+            // still ends at its first read outside the bytes held.
+            const std::uint32_t declared = entriesSize + IndexBlock::NODE_HEADER_SIZE;
+            const std::uint32_t remaining =
+                static_cast<std::uint32_t>(rangeBytes) -
+                static_cast<std::uint32_t>((firstSector + sector) * bytesPerSector) - firstEntry -
+                IndexBlock::NODE_HEADER_SIZE;
+            const std::uint32_t bound = declared < remaining ? declared : remaining;
+            if (bound != 0)
+                kestrow::filerecord::walkIndexEntries(
+                    blocks, block + IndexBlock::NODE_HEADER + firstEntry, bound, add);
+        }
+    } catch (const OutsideTheBlock&) {
+        // A block header outside the bytes held (sectors smaller than one):
+        // the sector walk ends there.
     }
 }
 
@@ -114,22 +126,33 @@ bool readIndexBlocks(Volume& volume, VolumeHandle& volumeHandle, std::uint64_t f
                      std::uint64_t count, orv::Buffer<unsigned char>& buffer, Add& add) {
     const std::uint32_t bytesPerSector = volume.bytesPerSector();
     const std::uint32_t sectorsPerCluster = volume.bytesPerCluster() / bytesPerSector;
+    const std::uint64_t rangeBytes = std::uint64_t(volume.bytesPerCluster()) * count;
     // Guard: a range is read in pieces of at most READ_PIECE bytes, so that a
     // run list that claims a range as large as the volume cannot ask for one
-    // buffer of that size. A piece is a whole number of index blocks and
-    // clusters, so every block of a well-formed range lies inside one piece
-    // and is found exactly as in one read of the whole range.
+    // buffer of that size. Each piece tests the sector starts of its own
+    // clusters, but holds PIECE_OVERLAP bytes more of the range (when the
+    // range goes on): the entries of a block that begins near the end of a
+    // piece are walked over the same bytes as in one read of the whole range,
+    // for every block up to PIECE_OVERLAP bytes long. Only an entry walk that
+    // would go on more than PIECE_OVERLAP bytes past a piece (a damaged block
+    // of a range over 16 MiB) ends sooner than there.
     const std::uint64_t clustersPerPiece =
         volume.bytesPerCluster() >= READ_PIECE ? 1 : READ_PIECE / volume.bytesPerCluster();
-    for (std::uint64_t done = 0; done < count; done += clustersPerPiece) {
-        const std::uint64_t clusters =
-            count - done < clustersPerPiece ? count - done : clustersPerPiece;
-        const std::uint64_t size = std::uint64_t(volume.bytesPerCluster()) * clusters;
+    const std::uint64_t overlapClusters =
+        (PIECE_OVERLAP + volume.bytesPerCluster() - 1) / volume.bytesPerCluster();
+    for (std::uint64_t done = 0, clusters = 0; done < count; done += clusters) {
+        // The last piece takes the rest of the range when that is no more than
+        // a piece and its overlap.
+        clusters =
+            count - done <= clustersPerPiece + overlapClusters ? count - done : clustersPerPiece;
+        const std::uint64_t held = clusters == count - done ? clusters : clusters + overlapClusters;
+        const std::uint64_t size = std::uint64_t(volume.bytesPerCluster()) * held;
         buffer.resize(size, true);
         const bool read = volume.readBytesFromSector(
             volumeHandle, (first + done) * sectorsPerCluster, size, buffer);
         if (read)
-            addIndexBlockEntries(buffer, clusters * sectorsPerCluster, bytesPerSector, add);
+            addIndexBlockEntries(buffer, done * sectorsPerCluster, clusters * sectorsPerCluster,
+                                 rangeBytes, bytesPerSector, add);
         buffer.release();
         if (!read)
             return false;

@@ -91,26 +91,55 @@ TEST_F(RecordHeaderTest, SummariesFollowRecordOrderAndTheResidentTable) {
 
 // ---- Guards of the walk ------------------------------------------------------------
 
-TEST_F(RecordHeaderTest, ZeroLengthAttributeEndsTheWalk) {
+// The walk yields what the walk as designed yields up to its first read
+// outside the record, and stops at that read, not before.
+TEST_F(RecordHeaderTest, TheWalkStopsAtItsFirstReadOutsideTheRecordNotBefore) {
+    struct Case {
+        const char* what;
+        std::uint32_t dataLength; // patched into the $DATA attribute's length
+        std::size_t bufferSize;   // 0: the whole record
+        std::vector<std::string> names;
+        std::uint64_t dataSize;
+    };
     RecordBuilder builder;
-    builder.add(fileNameAttribute(named(u"kept.txt"))).add(residentAttribute(0x80, Bytes(16, 1)));
-    Bytes bytes = builder.build();
-    putLe(bytes, builder.offsetOf(1) + 4, 0, 4);
-    const FileRecord record = parse(bytes);
-    EXPECT_TRUE(record.isValid());
-    EXPECT_THAT(attributeNames(record), ElementsAre("$FILE_NAME/r"));
-    EXPECT_EQ(utf8(record.name()), "kept.txt");
-}
-
-TEST_F(RecordHeaderTest, AttributeRunningPastTheBufferEndsTheWalk) {
-    RecordBuilder builder;
-    builder.add(fileNameAttribute(named(u"kept.txt"))).add(residentAttribute(0x80, Bytes(16, 1)));
-    Bytes bytes = builder.build();
-    putLe(bytes, builder.offsetOf(1) + 4, 0x10000, 4);
-    EXPECT_THAT(attributeNames(parse(bytes)), ElementsAre("$FILE_NAME/r"));
-    // A length shorter than the header is refused the same way.
-    putLe(bytes, builder.offsetOf(1) + 4, 0x10, 4);
-    EXPECT_THAT(attributeNames(parse(bytes)), ElementsAre("$FILE_NAME/r"));
+    builder.add(nonResidentAttribute(0xA0, {0x11, 0x02, 0x10, 0x00}, 8192, 8192, u"$I30"))
+        .add(residentAttribute(0x80, Bytes(16, 0)));
+    const std::size_t data = builder.offsetOf(1);
+    const Case cases[] = {
+        {"as built", 0x28, 0, {"$INDEX_ALLOCATION/n", "$DATA/r"}, 16},
+        // Handled once; walking it again would never end.
+        {"length 0", 0, 0, {"$INDEX_ALLOCATION/n", "$DATA/r"}, 16},
+        // The update sequence number in the length: the attribute is still
+        // handled and summarised, then adding its length ends the walk.
+        {"length past the record", 0x040A0028, 0, {"$INDEX_ALLOCATION/n", "$DATA/r"}, 16},
+        // Shorter than its header: its value length is read where it lies, and
+        // the walk goes on 0x10 bytes on, where that value length (0x10) reads
+        // as a type code.
+        {"length 0x10", 0x10, 0, {"$INDEX_ALLOCATION/n", "$DATA/r", "$STANDARD_INFORMATION/r"}, 16},
+        // The type code is the last field inside: the record's figures are set
+        // for the attribute, whose non-resident flag is the first read outside.
+        {"flag outside", 0x28, data + 4, {"$INDEX_ALLOCATION/n"}, 0},
+        {"type code outside", 0x28, data + 3, {"$INDEX_ALLOCATION/n"}, 0},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.what);
+        Bytes bytes = builder.build();
+        putLe(bytes, data + 4, c.dataLength, 4);
+        const std::uint32_t bytesInUse = bytes[0x18] | bytes[0x19] << 8;
+        if (c.bufferSize != 0)
+            bytes.resize(c.bufferSize);
+        const FileRecord record = parse(bytes);
+        EXPECT_TRUE(record.isValid());
+        EXPECT_EQ(attributeNames(record), c.names);
+        EXPECT_EQ(record.dataSize(), c.dataSize);
+        EXPECT_EQ(toVector(record.getClusterRanges()).size(), 1u);
+        const bool stoppedAtTypeCode = c.bufferSize == data + 3;
+        // The last attribute walked sets the sizes: the non-resident one's own,
+        // or the record's figures for every later one, even one whose flag lies
+        // outside the record.
+        EXPECT_EQ(record.realSize(), stoppedAtTypeCode ? 8192u : bytesInUse);
+        EXPECT_EQ(record.allocatedSize(), stoppedAtTypeCode ? 8192u : 1024u * 512u);
+    }
 }
 
 TEST_F(RecordHeaderTest, BytesInUseBeyondTheBufferStopsAtTheBufferEnd) {
@@ -224,15 +253,19 @@ TEST_F(FileNameTest, EmptyNameLeavesTheRecordUntouched) {
     EXPECT_THAT(attributeNames(record), ElementsAre("$FILE_NAME/r"));
 }
 
-TEST_F(FileNameTest, NameRunningPastTheBufferIsNotRead) {
+TEST_F(FileNameTest, NameRunningPastTheBufferEndsTheWalkThere) {
     RecordBuilder builder(512);
-    builder.add(fileNameAttribute(named(u"n")));
+    builder.add(fileNameAttribute(named(u"n"))).add(residentAttribute(0x80, Bytes(4, 1)));
     Bytes bytes = builder.build();
-    // A name length of 255 units reaches past the 512-byte buffer.
+    // A name length of 255 units reaches past the 512-byte buffer: reading the
+    // name is the walk's first read outside, and nothing after it happens.
     bytes[builder.offsetOf(0) + 0x58] = 255;
     const FileRecord record = parse(bytes);
     EXPECT_TRUE(record.isValid());
     EXPECT_TRUE(record.name().empty());
+    EXPECT_EQ(record.parentMftIndex().index, 0u);
+    EXPECT_THAT(attributeNames(record), IsEmpty());
+    EXPECT_EQ(record.dataSize(), 0u);
 }
 
 // ---- $DATA, $ATTRIBUTE_LIST, $INDEX_ROOT -------------------------------------------
@@ -349,14 +382,21 @@ TEST_F(ResidentAttributeTest, IndexRootWithWrappedBoundStaysInsideTheBuffer) {
     RecordBuilder builder;
     builder.add(residentAttribute(0x90, root, u"$I30"));
     Bytes bytes = builder.build();
+    std::size_t last = 0;
     for (std::size_t at = builder.offsetOf(1); at + 10 <= bytes.size(); at += 0x68) {
         if (at != builder.offsetOf(1))
             putLe(bytes, at, 500, 8);
         putLe(bytes, at + 8, 0x68, 2);
+        last = at;
     }
+    // The last "entry" has its reference and length inside and its key past
+    // the end: it is taken, and the walk ends reading the next length.
+    ASSERT_GT(last + 0x68, bytes.size());
+    putLe(bytes, last, 501, 8);
     const FileRecord record = parse(bytes);
     EXPECT_TRUE(record.isValid());
-    EXPECT_THAT(toVector(record.getIndexEntries()), ElementsAre(64u, 65u, 0xFFFFFFFFu, 500u));
+    EXPECT_THAT(toVector(record.getIndexEntries()), ElementsAre(64u, 65u, 0xFFFFFFFFu, 500u, 501u));
+    EXPECT_THAT(attributeNames(record), ElementsAre("$INDEX_ROOT/r"));
 }
 
 // ---- Copies ---------------------------------------------------------------------------

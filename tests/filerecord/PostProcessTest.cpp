@@ -109,38 +109,60 @@ TEST_F(PostProcessTest, FailedReadSkipsItsRangeOnly) {
     EXPECT_THAT(toVector(record.getIndexEntries()), ElementsAre(301u));
 }
 
-TEST_F(PostProcessTest, BlocksWithBadOffsetsStayInsideTheBuffer) {
-    // First-entry field far past the buffer: the 32-bit bound wraps.
+// Each block's entry walk stops at its first read outside the buffer, not
+// before: an entry whose reference and length lie inside is taken, even when
+// its key runs past the end.
+TEST_F(PostProcessTest, BlockWalksStopAtTheirFirstReadOutsideTheBuffer) {
+    // First-entry field far past the buffer: the 32-bit bound wraps, and the
+    // first entry's length already lies outside.
     Bytes farOff = indexBlock({indexEntry(400), lastIndexEntry()});
     putLe(farOff, 0x18, 0xFFFFFF00, 4);
     writeAtCluster(0x40, farOff);
-    // An entry whose length runs past the buffer's end.
+    // An entry whose length runs past the buffer's end: the bound, which counts
+    // the entry about to be read, ends the walk before it.
     Bytes overlong = indexBlock({indexEntry(401), indexEntry(402)});
     putLe(overlong, 0x58 + 0x68 + 8, 0xF000, 2);
     putLe(overlong, 0x1C, 0xFFFF, 4);
     writeAtCluster(0x41, overlong);
-    // A block header in the last bytes of the buffer.
-    writeAtCluster(0x42, Bytes{'I', 'N', 'D', 'X'}, 4096 - 512);
+    // A block in the last sector of the range, as when the volume starts seven
+    // sectors into a drive cluster: entries at block offsets 88 to 488, the
+    // last one's key past the end; the walk ends reading the entry after it.
+    std::vector<Bytes> entries;
+    for (std::uint64_t child = 601; child <= 604; ++child)
+        entries.push_back(indexEntry(child, 100));
+    entries.push_back(indexEntry(605));
+    entries.push_back(indexEntry(606));
+    const Bytes lastSector = indexBlock(entries);
+    writeAtCluster(0x42, Bytes(lastSector.begin(), lastSector.begin() + 512), 4096 - 512);
     FileRecord record = directory({}, {0x11, 0x03, 0x40, 0x00}, 3);
     record.postProcess(m_drive);
-    EXPECT_THAT(toVector(record.getIndexEntries()), ElementsAre(401u));
+    EXPECT_THAT(toVector(record.getIndexEntries()),
+                ElementsAre(401u, 601u, 602u, 603u, 604u, 605u));
 }
 
 TEST_F(PostProcessTest, LargeRangesAreReadInPiecesWithTheSameResult) {
     m_fake.addDisk(0, 24 << 20);
-    // 0x1010 clusters: one 16 MiB piece and one of 16 clusters.
+    // 0x1200 clusters: one piece tests the sector starts of 0x1000 clusters
+    // and holds 1 MiB more, the other takes the last 0x200.
     writeAtCluster(0x40, indexBlock({indexEntry(500), lastIndexEntry()}));
-    writeAtCluster(0x40 + 0xFFF, indexBlock({indexEntry(501), lastIndexEntry()}));
-    writeAtCluster(0x40 + 0x1000, indexBlock({indexEntry(502), lastIndexEntry()}));
-    writeAtCluster(0x40 + 0x100F, indexBlock({indexEntry(503), lastIndexEntry()}));
-    FileRecord record = directory({}, {0x12, 0x10, 0x10, 0x40, 0x00}, 0x1010);
+    writeAtCluster(0x40 + 0xFFE, indexBlock({indexEntry(501), lastIndexEntry()}));
+    writeAtCluster(0x40 + 0x1001, indexBlock({indexEntry(502), lastIndexEntry()}));
+    writeAtCluster(0x40 + 0x11FF, indexBlock({indexEntry(503), lastIndexEntry()}));
+    // A block that begins in the first piece's last sector and goes on into
+    // the second: found whole, as in one read of the range.
+    Bytes straddling = indexBlock({indexEntry(504), indexEntry(505), indexEntry(506),
+                                   indexEntry(507), indexEntry(508), lastIndexEntry()});
+    writeAtCluster(0x40 + 0xFFF, Bytes(straddling.begin(), straddling.begin() + 512), 4096 - 512);
+    writeAtCluster(0x40 + 0x1000, Bytes(straddling.begin() + 512, straddling.end()));
+    FileRecord record = directory({}, {0x12, 0x00, 0x12, 0x40, 0x00}, 0x1200);
     m_fake.clearLog();
     record.postProcess(m_drive);
-    EXPECT_THAT(toVector(record.getIndexEntries()), ElementsAre(500u, 501u, 502u, 503u));
+    EXPECT_THAT(toVector(record.getIndexEntries()),
+                ElementsAre(500u, 501u, 504u, 505u, 506u, 507u, 508u, 502u, 503u));
     using Read = std::pair<std::uint64_t, std::uint32_t>;
     EXPECT_THAT(m_fake.reads(),
-                ElementsAre(Read(VOLUME_OFFSET + 0x40 * 4096, 16 << 20),
-                            Read(VOLUME_OFFSET + (0x40 + 0x1000) * 4096, 0x10 * 4096)));
+                ElementsAre(Read(VOLUME_OFFSET + 0x40 * 4096, (16 << 20) + (1 << 20)),
+                            Read(VOLUME_OFFSET + (0x40 + 0x1000) * 4096, 0x200 * 4096)));
 }
 
 TEST_F(PostProcessTest, InvalidHandleReadsNothing) {
