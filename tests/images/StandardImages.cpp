@@ -41,17 +41,28 @@ void writeIndexedDir(NtfsWriter& writer) {
         writer.makeFile(std::string(kIndexedDir) + "/" + indexedEntryName(i));
 }
 
+void writeSweepDir(NtfsWriter& writer) {
+    writer.makeDirectory(kSweepDir);
+    const std::string dir = std::string(kSweepDir) + "/";
+    for (int length = kSweepShortest; length <= kSweepLongest; ++length) {
+        writer.makeFile(dir + sweepName(length));
+        writer.addHardLink(dir + sweepName(length), dir + sweepLinkName(length));
+    }
+}
+
 // Builds the NTFS volume of `facts` into `volumeFile` with the small tree and,
-// where the image has it, the indexed directory.
+// where the image has them, the indexed and the sweep directories.
 void buildPlainVolume(const ImageFacts& facts, const std::filesystem::path& volumeFile) {
     formatNtfs(volumeFile, formatFor(facts));
-    if (!facts.hasSmallTree && !facts.hasIndexedDir)
+    if (!facts.hasSmallTree && !facts.hasIndexedDir && !facts.hasSweepDir)
         return;
     NtfsWriter writer(volumeFile);
     if (facts.hasSmallTree)
         writeSmallTree(writer);
     if (facts.hasIndexedDir)
         writeIndexedDir(writer);
+    if (facts.hasSweepDir)
+        writeSweepDir(writer);
     writer.close();
 }
 
@@ -85,6 +96,25 @@ void buildMbrDisk(const ImageFacts& facts, const std::filesystem::path& image,
     runTool({"mkfs.vfat", "-F", "32", "-s", "1", "-n", "KESTROWFAT", "-i", "4b455354", "-h",
              std::to_string(kMbrFatStartSector), fatPart.string()});
     copyInto(fatPart, image, fatOffset);
+}
+
+// One NTFS partition at sector 63, as disks were partitioned before 2008.
+void buildLegacyMbrDisk(const ImageFacts& facts, const std::filesystem::path& image,
+                        const std::filesystem::path& workDir) {
+    createSparseFile(image, facts.imageSize);
+    const auto script = workDir / "legacy.sfdisk";
+    {
+        std::ofstream out(script);
+        out << "label: dos\n"
+            << "unit: sectors\n"
+            << "start=" << kLegacyNtfsStartSector << ", size=" << facts.volumeSize / 512
+            << ", type=7\n";
+    }
+    runTool({"sh", "-c", "sfdisk --quiet --no-reread --no-tell-kernel \"$1\" < \"$2\"", "sfdisk",
+             image.string(), script.string()});
+    const auto ntfsPart = workDir / "legacy-ntfs.part";
+    buildPlainVolume(facts, ntfsPart);
+    copyInto(ntfsPart, image, facts.volumeOffset);
 }
 
 void buildGptDisk(const ImageFacts& facts, const std::filesystem::path& image,
@@ -249,6 +279,9 @@ void buildStandardImages(const std::filesystem::path& directory) {
             break;
         case FixtureImage::GptDisk:
             buildGptDisk(facts, building, workDir);
+            break;
+        case FixtureImage::LegacyMbrDisk:
+            buildLegacyMbrDisk(facts, building, workDir);
             break;
         case FixtureImage::Rich:
             buildRichVolume(facts, building);

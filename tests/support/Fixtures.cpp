@@ -20,21 +20,24 @@ namespace {
 
 constexpr std::uint64_t MiB = 1024 * 1024;
 
-constexpr std::array<ImageFacts, 7> kImages = {{
+constexpr std::array<ImageFacts, 8> kImages = {{
     {FixtureImage::Bare, "bare.img", "KESTROW_BARE", 512, 4096, 1024, 4096, 0, 8 * MiB, 8 * MiB,
-     false, false, false},
+     false, false, false, false},
     {FixtureImage::MbrDisk, "disk-mbr.img", "KESTROW_MBR", 512, 4096, 1024, 4096,
-     kMbrNtfsStartSector * 512, kMbrNtfsSectors * 512, 64 * MiB, true, true, false},
+     kMbrNtfsStartSector * 512, kMbrNtfsSectors * 512, 64 * MiB, true, true, false, false},
     {FixtureImage::GptDisk, "disk-gpt.img", "KESTROW_GPT", 512, 4096, 1024, 4096,
-     kGptNtfsStartSector * 512, kGptNtfsSectors * 512, 40 * MiB, true, true, false},
+     kGptNtfsStartSector * 512, kGptNtfsSectors * 512, 40 * MiB, true, true, false, false},
     {FixtureImage::Sector4k, "sector4k.img", "KESTROW_4KN", 4096, 4096, 4096, 4096, 0, 16 * MiB,
-     16 * MiB, false, true, true},
+     16 * MiB, false, true, true, true},
     {FixtureImage::Cluster512, "cluster512.img", "KESTROW_C512", 512, 512, 1024, 4096, 0, 16 * MiB,
-     16 * MiB, false, true, true},
+     16 * MiB, false, true, true, false},
     {FixtureImage::Cluster64k, "cluster64k.img", "KESTROW_C64K", 512, 65536, 1024, 4096, 0,
-     32 * MiB, 32 * MiB, false, true, true},
+     32 * MiB, 32 * MiB, false, true, true, false},
+    {FixtureImage::LegacyMbrDisk, "disk-legacy.img", "KESTROW_LEGACY", 512, 4096, 1024, 4096,
+     kLegacyNtfsStartSector * 512, 32 * MiB - kLegacyNtfsStartSector * 512, 32 * MiB, true, true,
+     true, true},
     {FixtureImage::Rich, "rich.img", "KESTROW_RICH", 512, 4096, 1024, 4096, 0, 48 * MiB, 48 * MiB,
-     false, true, false},
+     false, true, false, false},
 }};
 
 std::string numbered(std::string_view prefix, int i, int width, std::string_view suffix) {
@@ -173,6 +176,18 @@ std::filesystem::path richVolume() {
 
 std::string indexedEntryName(int i) {
     return numbered("indexed-entry-with-a-long-name-", i, 4, ".dat");
+}
+
+std::string sweepName(int length) {
+    std::string name = numbered("sweep-", length, 4, "-");
+    name.resize(static_cast<std::size_t>(length), 'x');
+    return name;
+}
+
+std::string sweepLinkName(int length) {
+    std::string name = numbered("link-", length, 4, "-");
+    name.resize(static_cast<std::size_t>(length), 'y');
+    return name;
 }
 
 namespace rich {

@@ -40,6 +40,14 @@
 //                    4 KiB index block is smaller than a cluster), label
 //                    "KESTROW_C64K", content kSmallTree plus kIndexedDir.
 //
+//  disk-legacy.img   32 MiB whole disk, MBR, partitioned the old way: one NTFS
+//                    partition (type 0x07) at sector 63 up to the end of the
+//                    disk, 4 KiB clusters, label "KESTROW_LEGACY", content
+//                    kSmallTree plus kIndexedDir. The volume starts 7 sectors
+//                    into a 4 KiB cluster of the drive, so the drive clusters
+//                    the library reads index blocks from begin 7 sectors before
+//                    each block.
+//
 //  rich.img          48 MiB NTFS volume, 512-byte sectors, 4 KiB clusters, label
 //                    "KESTROW_RICH": kSmallTree and every feature in the `rich`
 //                    namespace below: an INDX-heavy directory, long names with
@@ -65,6 +73,13 @@
 //   Docs/Sub/             directory
 //   Docs/Sub/deep.txt     resident text, kDeepText
 //   empty.txt             0 bytes
+//
+// kSweepDir ("Sweep/", on sector4k.img and disk-legacy.img): for every name
+// length from kSweepShortest to kSweepLongest units one empty file,
+// sweepName(length), with a hard link of the same length, sweepLinkName(length).
+// The records' later attribute headers then begin at every multiple of 8 over
+// a wide span, so that some cover the last two bytes of a 512-byte stride,
+// where the update sequence number stands in the records as read.
 //
 // kIndexedDir ("Indexed/"): kIndexedDirEntries empty files named
 // indexedEntryName(i), enough that the directory needs an $INDEX_ALLOCATION of
@@ -94,6 +109,7 @@ enum class FixtureImage {
     Sector4k,
     Cluster512,
     Cluster64k,
+    LegacyMbrDisk,
     Rich,
 };
 
@@ -112,6 +128,7 @@ struct ImageFacts {
     bool isWholeDisk;                 // has a partition table
     bool hasSmallTree;                // kSmallTree is on the volume
     bool hasIndexedDir;               // kIndexedDir is on the volume
+    bool hasSweepDir;                 // kSweepDir is on the volume
 };
 
 // Prints the file name (GoogleTest picks this up for parameterised tests).
@@ -146,6 +163,7 @@ inline constexpr std::uint64_t kGptSpacerStartSector = 2048;
 inline constexpr std::uint64_t kGptSpacerSectors = 2048;
 inline constexpr std::uint64_t kGptNtfsStartSector = 4096; // 2 MiB
 inline constexpr std::uint64_t kGptNtfsSectors = 49152;
+inline constexpr std::uint64_t kLegacyNtfsStartSector = 63;
 
 // ---- Content common to several images ----------------------------------------
 
@@ -164,6 +182,12 @@ inline constexpr std::string_view kIndexedDir = "Indexed";
 inline constexpr int kIndexedDirEntries = 300;
 // "indexed-entry-with-a-long-name-0000.dat" ... : long names fill INDX blocks fast.
 std::string indexedEntryName(int i);
+
+inline constexpr std::string_view kSweepDir = "Sweep";
+inline constexpr int kSweepShortest = 12;
+inline constexpr int kSweepLongest = 255;
+std::string sweepName(int length);     // "sweep-0012-x..." of `length` characters
+std::string sweepLinkName(int length); // "link-0012-yy..." of `length` characters
 
 // ---- The rich volume ---------------------------------------------------------
 
