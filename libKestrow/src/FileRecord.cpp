@@ -203,8 +203,13 @@ inline void FileRecordParser::processResidentForSummary(FileRecord& record,
         if (attribute.nameLength() == 0)
             record.m_dataSize = attribute.valueLength();
         break;
+    case AttributeType::INDEX_ROOT:
+        // It adds only index entries, left out here; but its header is read as
+        // in the full parse, so that both parses end at the same read.
+        indexRootEntries(attribute);
+        break;
     default:
-        // $INDEX_ROOT adds only index entries; the rest only their summaries.
+        // The rest add only their summaries.
         break;
     }
 }
@@ -404,23 +409,28 @@ void FileRecordParser::processFileName(FileRecord& record,
         record.m_fileAttributes |= FILE_ATTRIBUTE_DIRECTORY_FLAG;
 }
 
-void FileRecordParser::processIndexRoot(FileRecord& record,
-                                        const ResidentAttributeHeader& attribute) {
+std::pair<std::uint64_t, std::uint32_t>
+FileRecordParser::indexRootEntries(const ResidentAttributeHeader& attribute) {
     if (!attribute.isNamedI30())
-        return;
+        return {0, 0};
     const std::uint16_t valueOffset = attribute.valueOffset();
     const std::uint64_t value = attribute.offset() + valueOffset;
-    const ByteBlock& buffer = attribute.record();
     // 32-bit unsigned arithmetic, as the format's fields are; a wrapped bound is
     // harmless because the entry walk ends at its first read outside the buffer.
     const std::uint32_t available = attribute.length() - valueOffset;
-    const std::uint32_t totalSize = buffer.u32(value + IndexRoot::TOTAL_ENTRY_SIZE);
+    const std::uint32_t totalSize = attribute.record().u32(value + IndexRoot::TOTAL_ENTRY_SIZE);
     const std::uint32_t length =
         (available < totalSize ? available : totalSize) - IndexRoot::HEADER_SIZE;
+    return {value + IndexRoot::FIRST_ENTRY, length};
+}
+
+void FileRecordParser::processIndexRoot(FileRecord& record,
+                                        const ResidentAttributeHeader& attribute) {
+    const auto [first, length] = indexRootEntries(attribute);
     if (length == 0)
         return;
     kestrow::filerecord::walkIndexEntries(
-        buffer, value + IndexRoot::FIRST_ENTRY, length,
+        attribute.record(), first, length,
         [&record](unsigned long long index) { addIndexEntry(record, index); });
 }
 

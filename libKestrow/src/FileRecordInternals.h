@@ -12,6 +12,7 @@
 #include <orv/String.h>
 
 #include <cstdint>
+#include <utility>
 
 // How much of a record a parse fills in.
 enum class ParseDetail {
@@ -46,6 +47,10 @@ struct FileRecordParser {
                                             std::uint64_t firstEntry);
     static void processFileName(FileRecord& record, const ResidentAttributeHeader& attribute);
     static void processIndexRoot(FileRecord& record, const ResidentAttributeHeader& attribute);
+    // Where a "$I30" $INDEX_ROOT's entries begin in the record and the bound of
+    // their walk; a bound of 0 (another name, or an empty index) walks nothing.
+    static std::pair<std::uint64_t, std::uint32_t>
+    indexRootEntries(const ResidentAttributeHeader& attribute);
     static void addIndexEntry(FileRecord& record, unsigned long long index);
     // The record's name itself, for a caller that takes it over.
     static orv::String& name(FileRecord& record) { return record.m_name; }

@@ -200,6 +200,21 @@ TEST_F(RecordReuseTest, ASummaryParseLeavesOutOnlyTheSummariesAndTheIndexEntries
                               ParseDetail::SUMMARY);
     EXPECT_EQ(record.dataSize(), 5u);
     EXPECT_EQ(utf8(record.name()), "B.TXT");
+
+    // An $INDEX_ROOT whose header lies past the record ends both parses there.
+    RecordBuilder cut;
+    cut.add(residentAttribute(0x90, indexRootValue({lastIndexEntry()}), u"$I30"))
+        .add(fileNameAttribute(named(u"after.txt")));
+    Bytes cutBytes = cut.build();
+    putLe(cutBytes, cut.offsetOf(0) + 0x14, 0xFFF0, 2); // value offset
+    const FileRecord full = parse(cutBytes, 44);
+    m_reused = cutBytes;
+    orv::Buffer<unsigned char> cutBuffer(m_reused.data(), m_reused.size());
+    FileRecordParser::reparse(record, cutBuffer, FileReference(44, 0), *m_volume,
+                              ParseDetail::SUMMARY);
+    EXPECT_TRUE(full.name().empty());
+    EXPECT_TRUE(full.getAttributes().empty());
+    EXPECT_TRUE(record.name().empty());
 }
 
 } // namespace
