@@ -38,27 +38,6 @@ std::uint64_t le(const std::uint8_t* p, unsigned width) {
 // sector size.
 constexpr std::size_t FIXUP_STRIDE = 512;
 
-// The record with its update sequence applied, or nothing when the sequence
-// does not check (a torn or never-written record).
-std::optional<Bytes> applyFixups(const Bytes& raw) {
-    if (raw.size() < 0x30)
-        return std::nullopt;
-    const std::size_t usaOffset = le(&raw[4], 2);
-    const std::size_t usaCount = le(&raw[6], 2);
-    if (usaCount == 0 || usaOffset + 2 * usaCount > raw.size() ||
-        (usaCount - 1) * FIXUP_STRIDE > raw.size())
-        return std::nullopt;
-    Bytes fixed = raw;
-    for (std::size_t i = 1; i < usaCount; ++i) {
-        const std::size_t at = i * FIXUP_STRIDE - 2;
-        if (fixed[at] != raw[usaOffset] || fixed[at + 1] != raw[usaOffset + 1])
-            return std::nullopt;
-        fixed[at] = raw[usaOffset + 2 * i];
-        fixed[at + 1] = raw[usaOffset + 2 * i + 1];
-    }
-    return fixed;
-}
-
 std::vector<std::size_t> fixupPositions(const Bytes& raw) {
     std::vector<std::size_t> positions;
     const std::size_t usaCount = le(&raw[6], 2);

@@ -142,12 +142,17 @@ const MftFacts& cachedFacts(FixtureImage image) {
 // (parent reference to the end of the name) over the last two bytes of a
 // 512-byte stride: there the unapplied update sequence number stands in for
 // the true bytes.
-bool fileNameHitsFixup(const std::vector<std::uint8_t>& record) {
-    for (const kestrow::test::RawAttribute& attribute : kestrow::test::rawAttributes(record)) {
+bool fileNameHitsFixup(const std::vector<std::uint8_t>& raw) {
+    // The attributes are found in the record with its fix-ups applied: a
+    // length over a sequence number reads wrong as it lies.
+    const std::optional<std::vector<std::uint8_t>> record = kestrow::test::applyFixups(raw);
+    if (!record)
+        return false;
+    for (const kestrow::test::RawAttribute& attribute : kestrow::test::rawAttributes(*record)) {
         if (attribute.type != 0x30 || !attribute.resident)
             continue;
         const std::size_t first = attribute.offset + 0x18;
-        const std::size_t nameLength = record.at(attribute.offset + 0x58);
+        const std::size_t nameLength = record->at(attribute.offset + 0x58);
         const std::size_t end = attribute.offset + 0x5A + 2 * nameLength;
         for (std::size_t p = first; p < end; ++p)
             if (p % 512 >= 510)
@@ -233,7 +238,7 @@ TEST_P(MftOnImage, FullPathsMatchTheSleuthKit) {
     EXPECT_EQ(utf8(table().findParentPath(FileReference::ROOT_MFT_RECORD())), ".");
 
     const auto paths = pathsByRecord();
-    std::size_t compared = 0, damagedNames = 0;
+    std::size_t compared = 0, damagedNames = 0, sweptNames = 0;
     for (const auto& [real, names] : paths) {
         const auto slot = facts().slotOf(real);
         ASSERT_TRUE(slot.has_value()) << "record " << real;
@@ -257,7 +262,10 @@ TEST_P(MftOnImage, FullPathsMatchTheSleuthKit) {
             }
         }
         if (damaged) {
-            ++damagedNames;
+            // The sweep directory's long names lie over sequence numbers by design.
+            const bool swept =
+                names.front().starts_with(std::string(kestrow::test::kSweepDir) + "/");
+            ++(swept ? sweptNames : damagedNames);
             continue;
         }
         ADD_FAILURE() << "record " << real << " (slot " << *slot << "): ours '" << ours
@@ -266,7 +274,7 @@ TEST_P(MftOnImage, FullPathsMatchTheSleuthKit) {
     EXPECT_GE(compared, 10u);
     EXPECT_LE(damagedNames * 20, compared) << "too many names hit by fix-ups to be believable";
     RecordProperty("compared", static_cast<int>(compared));
-    RecordProperty("fixupDamaged", static_cast<int>(damagedNames));
+    RecordProperty("fixupDamaged", static_cast<int>(damagedNames + sweptNames));
 }
 
 TEST_P(MftOnImage, LookupByPathFindsTheRecordsBack) {

@@ -129,15 +129,16 @@ TEST_P(ImageWithSmallTree, HasItsPathsAndContent) {
 TEST_P(ImageWithIndexedDir, DirectoryNeedsSeveralIndexBlocks) {
     const auto& facts = GetParam();
     const auto image = imagePath(facts.image);
-    const auto inode = findInode(image, kIndexedDir);
+    const std::uint64_t offset = facts.volumeOffset / 512;
+    const auto inode = findInode(image, kIndexedDir, offset);
     ASSERT_TRUE(inode.has_value());
-    const auto record = inspectRecord(image, *inode);
+    const auto record = inspectRecord(image, *inode, offset);
     const auto* allocation = record.find(kIndexAllocation, "$I30");
     ASSERT_NE(allocation, nullptr);
-    const auto stats = fileSystemStats(image);
+    const auto stats = fileSystemStats(image, offset);
     EXPECT_GE(allocation->size, 4u * stats.indexRecordSize);
 
-    const auto entries = listFiles(image, 0, FlsSelection::AllocatedOnly);
+    const auto entries = listFiles(image, offset, FlsSelection::AllocatedOnly);
     const auto prefix = std::string(kIndexedDir) + "/";
     const auto children = std::count_if(entries.begin(), entries.end(), [&](const FlsEntry& e) {
         return e.path.starts_with(prefix);

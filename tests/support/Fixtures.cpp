@@ -419,6 +419,26 @@ constexpr std::uint32_t kEndMarker = 0xFFFFFFFF;
 
 } // namespace
 
+std::optional<std::vector<std::uint8_t>> applyFixups(std::span<const std::uint8_t> raw) {
+    constexpr std::size_t STRIDE = 512;
+    if (raw.size() < 0x30)
+        return std::nullopt;
+    const std::size_t usaOffset = le16At(raw, 4);
+    const std::size_t usaCount = le16At(raw, 6);
+    if (usaCount == 0 || usaOffset + 2 * usaCount > raw.size() ||
+        (usaCount - 1) * STRIDE > raw.size())
+        return std::nullopt;
+    std::vector<std::uint8_t> fixed(raw.begin(), raw.end());
+    for (std::size_t i = 1; i < usaCount; ++i) {
+        const std::size_t at = i * STRIDE - 2;
+        if (fixed[at] != raw[usaOffset] || fixed[at + 1] != raw[usaOffset + 1])
+            return std::nullopt;
+        fixed[at] = raw[usaOffset + 2 * i];
+        fixed[at + 1] = raw[usaOffset + 2 * i + 1];
+    }
+    return fixed;
+}
+
 std::vector<RawAttribute> rawAttributes(std::span<const std::uint8_t> record) {
     if (record.size() < 0x30 || record[0] != 'F' || record[1] != 'I' || record[2] != 'L' ||
         record[3] != 'E')

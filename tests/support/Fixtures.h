@@ -93,6 +93,7 @@
 #include <cstdint>
 #include <filesystem>
 #include <iosfwd>
+#include <optional>
 #include <span>
 #include <string>
 #include <string_view>
@@ -357,12 +358,17 @@ struct RawAttribute {
     std::uint32_t valueLength = 0; // resident only
 };
 
-// Walks the attributes of a raw FILE record (update sequence fixups not
-// applied; they only touch the last two bytes of each sector, which no
-// attribute header or short value used here reaches). Throws
+// Walks the attributes of a FILE record as given (the update sequence fix-ups
+// are not applied here: a record whose attribute headers lie over the last two
+// bytes of a sector, as in the sweep directory, goes through applyFixups
+// first). Throws
 // std::runtime_error when the record is not a FILE record or an attribute
 // leaves it.
 std::vector<RawAttribute> rawAttributes(std::span<const std::uint8_t> record);
+
+// A FILE record with its update sequence applied (every 512 bytes), or
+// nothing when the sequence does not check (a torn or never-written record).
+std::optional<std::vector<std::uint8_t>> applyFixups(std::span<const std::uint8_t> raw);
 
 // Rewrites the parent reference of every $FILE_NAME in the MFT record at
 // `recordOffset` (bytes into the image, see oracle::mftRecordOffset) of a
