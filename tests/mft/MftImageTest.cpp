@@ -349,12 +349,17 @@ TEST_P(MftOnImage, ClustersOfTheMftHoldItsRecords) {
         // Clusters into the run, and the slots each names.
         std::vector<std::pair<std::uint64_t, std::vector<std::uint64_t>>> clusters;
         if (wholeRecords) {
-            // The run's second cluster (or its only one).
+            // The run's second cluster (or its only one): the records whose
+            // bytes its drive cluster covers. On a volume that starts inside a
+            // drive cluster (at sector 63) those are parts of two of its clusters.
             const std::uint64_t perCluster = bpc / bpr;
             const std::uint64_t within = s.realCount / perCluster > 1 ? 1 : 0;
+            const std::uint64_t driveFirst = (base + *s.lcn + within) * bpc;
+            const std::uint64_t runStart = s.startSector * facts().facts->bytesPerSector;
             std::vector<std::uint64_t> slots;
-            for (std::uint64_t k = 0; k < perCluster; ++k)
-                slots.push_back(s.firstSlot + within * perCluster + k);
+            for (std::uint64_t k = 0; k < s.slotCount; ++k)
+                if (runStart + k * bpr < driveFirst + bpc && runStart + (k + 1) * bpr > driveFirst)
+                    slots.push_back(s.firstSlot + k);
             clusters.emplace_back(within, slots);
         } else {
             clusters.emplace_back(0, std::vector<std::uint64_t>{});
@@ -392,7 +397,7 @@ INSTANTIATE_TEST_SUITE_P(Fixtures, MftOnImage,
                          ::testing::Values(FixtureImage::Bare, FixtureImage::MbrDisk,
                                            FixtureImage::GptDisk, FixtureImage::Sector4k,
                                            FixtureImage::Cluster512, FixtureImage::Cluster64k,
-                                           FixtureImage::Rich),
+                                           FixtureImage::LegacyMbrDisk, FixtureImage::Rich),
                          imageName);
 
 // ---- Cluster owners of ordinary files --------------------------------------------------

@@ -247,7 +247,7 @@ INSTANTIATE_TEST_SUITE_P(Fixtures, VolumeOnImage,
                          ::testing::Values(FixtureImage::Bare, FixtureImage::MbrDisk,
                                            FixtureImage::GptDisk, FixtureImage::Sector4k,
                                            FixtureImage::Cluster512, FixtureImage::Cluster64k,
-                                           FixtureImage::Rich),
+                                           FixtureImage::LegacyMbrDisk, FixtureImage::Rich),
                          imageName);
 
 // ---- The other volumes of the partitioned disk --------------------------------------
