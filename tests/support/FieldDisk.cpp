@@ -30,8 +30,8 @@ Extracted extract() {
     const std::filesystem::path image = directory / IMAGE;
     std::error_code error;
     if (!std::filesystem::exists(archive, error))
-        return {std::nullopt, "the disk written by Windows is not at hand: no " + archive.string() +
-                                  " (set KESTROW_FIELD_DIR to the directory that holds it)"};
+        return {std::nullopt, "needs: the disk written by Windows, " + archive.string() +
+                                  " (KESTROW_FIELD_DIR names the directory that holds it)"};
     // Extracted once per build tree; a half-extracted image never keeps its name.
     if (!std::filesystem::exists(image, error)) {
         // Test programs may run side by side: each extracts into its own place.
@@ -42,10 +42,10 @@ Extracted extract() {
         const oracle::ToolOutput tar =
             oracle::runTool({"tar", "-xzf", archive.string(), "-C", partial.string(), IMAGE});
         if (tar.exitCode != 0)
-            return {std::nullopt, "cannot extract " + archive.string() + ": " + tar.err};
+            return {std::nullopt, "needs: tar to extract " + archive.string() + ": " + tar.err};
         std::filesystem::rename(partial / IMAGE, image, error);
         if (error)
-            return {std::nullopt, "cannot move the extracted disk to " + image.string()};
+            return {std::nullopt, "needs: room to extract the disk to " + image.string()};
         std::filesystem::remove_all(partial, error);
     }
     return {image, {}};
