@@ -44,7 +44,7 @@ void writeIndexedDir(NtfsWriter& writer) {
 void writeSweepDir(NtfsWriter& writer) {
     writer.makeDirectory(kSweepDir);
     const std::string dir = std::string(kSweepDir) + "/";
-    for (int length = kSweepShortest; length <= kSweepLongest; ++length) {
+    for (int length = kSweepShortest; length <= kSweepLongest; length += kSweepStep) {
         writer.makeFile(dir + sweepName(length));
         writer.addHardLink(dir + sweepName(length), dir + sweepLinkName(length));
     }

@@ -74,12 +74,14 @@
 //   Docs/Sub/deep.txt     resident text, kDeepText
 //   empty.txt             0 bytes
 //
-// kSweepDir ("Sweep/", on sector4k.img and disk-legacy.img): for every name
-// length from kSweepShortest to kSweepLongest units one empty file,
+// kSweepDir ("Sweep/", on sector4k.img and disk-legacy.img): for every fourth
+// name length from kSweepShortest to kSweepLongest units one empty file,
 // sweepName(length), with a hard link of the same length, sweepLinkName(length).
-// The records' later attribute headers then begin at every multiple of 8 over
-// a wide span, so that some cover the last two bytes of a 512-byte stride,
-// where the update sequence number stands in the records as read.
+// Names four units apart make attributes 8 bytes apart, so the records' later
+// attribute headers begin at every multiple of 16 over a wide span, and some
+// cover the last two bytes of a 512-byte stride, where the update sequence
+// number stands in the records as read. (Every fourth length only: the
+// 4 KiB records of sector4k.img then keep the $MFT in one run.)
 //
 // kIndexedDir ("Indexed/"): kIndexedDirEntries empty files named
 // indexedEntryName(i), enough that the directory needs an $INDEX_ALLOCATION of
@@ -187,6 +189,7 @@ std::string indexedEntryName(int i);
 inline constexpr std::string_view kSweepDir = "Sweep";
 inline constexpr int kSweepShortest = 12;
 inline constexpr int kSweepLongest = 255;
+inline constexpr int kSweepStep = 4;
 std::string sweepName(int length);     // "sweep-0012-x..." of `length` characters
 std::string sweepLinkName(int length); // "link-0012-yy..." of `length` characters
 
