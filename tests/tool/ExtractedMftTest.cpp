@@ -2,6 +2,7 @@
 // it off a running system (here extracted with icat): the same records and
 // paths as on the volume it came from, the geometry fsstat reads from the
 // boot sector, and one-line failures for what only the disk could give.
+#include "support/FieldDisk.h"
 #include "support/Fixtures.h"
 #include "support/Oracle.h"
 
@@ -11,6 +12,7 @@
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
+#include <optional>
 #include <regex>
 #include <string>
 #include <vector>
@@ -90,29 +92,6 @@ void expectSystemFilesListed(const std::string& listing) {
             << listing;
 }
 
-// The disk written by Windows 10, extracted into the build tree (sparse) on
-// first use; empty when its archive is not on this machine.
-fs::path windowsMadeDisk() {
-    std::vector<fs::path> candidates;
-    if (const char* dir = std::getenv("KESTROW_FIELD_DIR"))
-        candidates.emplace_back(dir);
-    candidates.push_back(fs::path(KESTROW_SOURCE_DIR) / ".." / "shared" / "field");
-    candidates.push_back(fs::path(KESTROW_SOURCE_DIR) / ".." / ".." / "shared" / "field");
-    for (const fs::path& dir : candidates) {
-        const fs::path archive = dir / "vss_3_volstor.tar.gz";
-        if (!fs::exists(archive))
-            continue;
-        const fs::path into = kestrow::test::fixtureDir().parent_path() / "field";
-        const fs::path disk = into / "vss_3_volstor.raw";
-        if (!fs::exists(disk)) {
-            fs::create_directories(into);
-            oracle::runToolChecked({"tar", "-xzf", archive.string(), "-C", into.string()});
-        }
-        return disk;
-    }
-    return {};
-}
-
 // ---- every fixture image ------------------------------------------------------------
 
 class ExtractedMftOfEachImage : public ::testing::TestWithParam<ImageFacts> {};
@@ -153,10 +132,10 @@ INSTANTIATE_TEST_SUITE_P(Fixtures, ExtractedMftOfEachImage,
 // ---- Windows-made records -----------------------------------------------------------
 
 TEST(ExtractedMft, WindowsMadeRecordsOpenAndListTheRoot) {
-    const fs::path disk = windowsMadeDisk();
-    if (disk.empty())
-        GTEST_SKIP() << "needs: the disk written by Windows (vss_3_volstor.tar.gz) in "
-                        "../shared/field or in $KESTROW_FIELD_DIR";
+    const std::optional<fs::path> found = kestrow::test::fieldDisk();
+    if (!found)
+        GTEST_SKIP() << kestrow::test::fieldDiskAbsence();
+    const fs::path disk = *found;
     constexpr std::uint64_t kFirstPartition = 2048;
     const fs::path mft = extractMft(disk, kFirstPartition, "windows");
     EXPECT_EQ(jsonNumber(kestrowOk(mft, {"--json", "info", "C:"}), "bytesPerFileRecord"), 1024u);
