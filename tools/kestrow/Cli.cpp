@@ -23,17 +23,21 @@ constexpr CommandHelp COMMANDS[] = {
      "Shows the volume's description, then its MFT: the runs on the drive, the\n"
      "record slots they hold and the record size.\n"},
     {"record", "kestrow record C: N [--all]",
-     "Shows MFT record N: name, full path, parent, times (ISO 8601, UTC),\n"
-     "attribute flags, sizes, attributes, external references, cluster ranges\n"
-     "and, for a directory, the entries of its index.\n"
+     "Shows MFT record N: name, full path, parent, the times of its $FILE_NAME\n"
+     "attribute (created, modified, last read; ISO 8601, UTC; not the\n"
+     "$STANDARD_INFORMATION times), attribute flags, sizes, attributes,\n"
+     "external references, cluster ranges and, for a directory, the entries of\n"
+     "its index.\n"
      "With --all, shows what the analysts' record reader sees, for a free\n"
      "(deleted) record too: the header (sequence, flags, link count, base\n"
      "record, LSN), the $STANDARD_INFORMATION times and flags, every\n"
      "$FILE_NAME with its own times, every stream and the attribute list.\n"},
     {"ls", "kestrow ls C: PATH-OR-INDEX",
      "Lists a directory's children: record index, name, size, modification\n"
-     "time and a directory flag. PATH may be \\\\.\\C:\\Dir, C:\\Dir or /Dir; a\n"
-     "number is taken as a record index (5 is the root directory).\n"},
+     "time (of the $FILE_NAME attribute) and a directory flag. PATH may be\n"
+     "\\\\.\\C:\\Dir, C:\\Dir or /Dir; a number is taken as a record index (5 is\n"
+     "the root directory). Directory names match in any letter case, the last\n"
+     "name only in its stored case.\n"},
     {"paths", "kestrow paths C:",
      "Prints every in-use record with its full path, one per line, in record\n"
      "order (the counterpart of `fls -r -p`).\n"},
@@ -46,15 +50,16 @@ constexpr CommandHelp COMMANDS[] = {
      "--csv: a header row, then one row per record and name with both time\n"
      "sets in ISO 8601 UTC. --jsonl (or --json): one JSON object per record.\n"},
     {"find", "kestrow find C: PATH",
-     "Prints the records whose full path is PATH (the last name must match in\n"
-     "its stored letter case).\n"},
+     "Prints the records whose full path is PATH. Every name of the path must\n"
+     "match in its stored letter case.\n"},
     {"owner", "kestrow owner C: CLUSTER",
      "Tells which file owns a cluster of the volume (the cluster numbering of\n"
      "`ifind -d`, counted from the start of the volume) and, when the cluster\n"
      "holds part of the MFT, which MFT records lie in it.\n"},
     {"extents", "kestrow extents C: FILE",
      "Lists a file's extents as sector ranges of the physical drive. A file\n"
-     "kept inside its MFT record has none.\n"},
+     "kept inside its MFT record has none. FILE is looked up as Windows does:\n"
+     "every name matches in any letter case.\n"},
     {"dump", "kestrow dump C: SECTOR [COUNT]\n       kestrow dump --drive N SECTOR [COUNT]",
      "Hex dump of COUNT sectors (default 1) from SECTOR of the volume, or of\n"
      "physical drive N with --drive.\n"},
@@ -96,8 +101,8 @@ constexpr const char* GENERAL_HELP =
     "  --all         (record) what the analysts' record reader sees\n"
     "  --csv         (timeline) CSV instead of a bodyfile\n"
     "  --jsonl       (timeline) JSON Lines instead of a bodyfile\n"
-    "  --help        this text; `kestrow COMMAND --help` for one command\n"
-    "  --version     the library's version\n"
+    "  -h, --help    the help text; `kestrow COMMAND --help` for one command's\n"
+    "  -V, --version the library's version\n"
     "\n"
     "Exit status: 0 on success, 1 when the command failed, 2 for a bad command line.\n";
 
@@ -156,7 +161,7 @@ Options parseCommandLine(int argc, char** argv) {
             options.csv = true;
         } else if (argument == "--jsonl") {
             options.jsonl = true;
-        } else if (argument == "--version") {
+        } else if (argument == "-V" || argument == "--version") {
             options.version = true;
         } else if (isOption(argument, "--drive")) {
             const std::string value = optionValue(argument, "--drive", i, argc, argv);

@@ -161,7 +161,7 @@ Volume& Session::openAnyVolume(char letter) {
         throw CommandError("no volume " + letterText(letter));
 #else
         throw CommandError("no volume " + letterText(letter) +
-                           ": no disks are attached (give --disk IMAGE or set KESTROW_DISKS)");
+                           " (no disks are attached; give --disk IMAGE or set KESTROW_DISKS)");
 #endif
     }
     return *m_volume;
