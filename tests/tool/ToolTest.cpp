@@ -87,6 +87,12 @@ std::optional<bool> jsonBool(const std::string& json, const std::string& key) {
     return match[1] == "true";
 }
 
+// istat's "2026-11-22 07:40:10.488824700 (UTC)" as kestrow writes it:
+// "2026-11-22T07:40:10.4888247Z" (NTFS times count 100 ns).
+std::string isoFromIstat(const std::string& time) {
+    return time.substr(0, 10) + "T" + time.substr(11, 8) + "." + time.substr(20, 7) + "Z";
+}
+
 // ---- paths against fls -r -p ---------------------------------------------------------
 
 struct PathLine {
@@ -313,11 +319,39 @@ TEST(ToolListing, LsMatchesNtfslsByPathAndByIndex) {
 TEST(ToolListing, LsOfTheRootAndOfAFile) {
     const fs::path image = kestrow::test::mbrDisk();
     const auto root = kestrowOk(image, {"ls", "C:", "\\\\.\\C:\\"});
+    EXPECT_NE(
+        root.out.find("\n     index  type           size  modified ($FILE_NAME)         name\n"),
+        std::string::npos)
+        << root.out;
     EXPECT_NE(root.out.find(" Docs\n"), std::string::npos) << root.out;
     EXPECT_NE(root.out.find(" $MFT\n"), std::string::npos) << root.out;
     const auto file = kestrowOk(image, {"--json", "ls", "C:", "C:\\Readme.txt"});
     EXPECT_EQ(jsonBool(file.out, "directory"), false);
     EXPECT_EQ(jsonNumbers(file.out, "size").at(0), kestrow::test::kReadmeText.size());
+}
+
+// Each command's letter-case rule for the names of a path, as the README
+// states them: ls (the library's path index) takes the directories in any
+// case and the last name as stored; find (the library's MFT scan) every name
+// as stored; extents (the disk's own lookup, as on Windows) any case.
+TEST(ToolPaths, EachCommandsLetterCaseRule) {
+    const fs::path image = kestrow::test::mbrDisk();
+    const std::vector<std::pair<std::vector<std::string>, bool>> cases = {
+        {{"ls", "C:", "/docs/Sub"}, true},
+        {{"ls", "C:", "/DOCS/SUB/deep.txt"}, true},
+        {{"ls", "C:", "/Docs/sub"}, false},
+        {{"ls", "C:", "/Docs/Sub/DEEP.TXT"}, false},
+        {{"find", "C:", "/Docs/Sub/deep.txt"}, true},
+        {{"find", "C:", "/docs/Sub/deep.txt"}, false},
+        {{"find", "C:", "/Docs/Sub/Deep.txt"}, false},
+        {{"extents", "C:", "/DOCS/REPORT.BIN"}, true},
+        {{"extents", "C:", "/docs/Report.Bin"}, true},
+    };
+    for (const auto& [arguments, found] : cases) {
+        SCOPED_TRACE(arguments[0] + " " + arguments[2]);
+        const auto result = kestrow(image, arguments);
+        EXPECT_EQ(result.exitCode, found ? 0 : 1) << result.err;
+    }
 }
 
 TEST(ToolFind, EveryPathFormFindsTheRecordIfindFinds) {
@@ -359,12 +393,23 @@ TEST(ToolRecord, FieldsAgreeWithIstat) {
         ++agreeing;
     EXPECT_GE(agreeing, 16u);
     EXPECT_LE(starts.size(), runs.size());
-    const auto created = jsonString(result.out, "created");
-    ASSERT_TRUE(created.has_value());
-    EXPECT_TRUE(std::regex_match(*created,
-                                 std::regex("20[0-9]{2}-[01][0-9]-[0-3][0-9]T[0-2][0-9]:[0-5][0-9]:"
-                                            "[0-5][0-9]\\.[0-9]{7}Z")))
-        << *created;
+    // The three times are those of the $FILE_NAME attribute, and say so.
+    const oracle::IstatFileName& fileName = istat.fileNames.at(0);
+    const std::string created = isoFromIstat(fileName.created);
+    const std::string modified = isoFromIstat(fileName.modified);
+    const std::string lastRead = isoFromIstat(fileName.accessed);
+    const std::size_t times = result.out.find("\"fileNameTimes\": {");
+    ASSERT_NE(times, std::string::npos) << result.out;
+    const std::string timesJson = result.out.substr(times, result.out.find('}', times) - times);
+    EXPECT_EQ(jsonString(timesJson, "created"), created);
+    EXPECT_EQ(jsonString(timesJson, "modified"), modified);
+    EXPECT_EQ(jsonString(timesJson, "lastRead"), lastRead);
+    const auto text = kestrowOk(image, {"record", "C:", std::to_string(*inode)});
+    EXPECT_NE(text.out.find("   $FILE_NAME times  :\n      Created        : " + created +
+                            "\n      Modified       : " + modified +
+                            "\n      Last read      : " + lastRead + "\n"),
+              std::string::npos)
+        << text.out;
 }
 
 TEST(ToolRecord, DirectoryRecordListsItsIndexEntries) {
@@ -522,7 +567,9 @@ TEST(ToolFailures, DisksThatCannotBeAttached) {
     const auto none =
         oracle::runTool({"env", "-u", "KESTROW_DISKS", KESTROW_TOOL_PATH, "info", "C:"});
     EXPECT_EQ(none.exitCode, 1);
-    EXPECT_NE(none.err.find("no disks are attached"), std::string::npos) << none.err;
+    EXPECT_NE(none.err.find("kestrow: no volume C: (no disks are attached; give --disk"),
+              std::string::npos)
+        << none.err;
 }
 
 // A fresh directory under /tmp that every user can enter, removed with all
@@ -641,6 +688,12 @@ TEST(ToolHelp, EveryCommandHasHelp) {
     const auto general = oracle::runTool({KESTROW_TOOL_PATH, "--help"});
     EXPECT_EQ(general.exitCode, 0);
     EXPECT_NE(general.out.find("--disk PATH"), std::string::npos);
+    const auto version = oracle::runTool({KESTROW_TOOL_PATH, "--version"});
+    EXPECT_EQ(version.exitCode, 0);
+    EXPECT_TRUE(version.out.starts_with("kestrow ")) << version.out;
+    const auto shortVersion = oracle::runTool({KESTROW_TOOL_PATH, "-V"});
+    EXPECT_EQ(shortVersion.exitCode, 0);
+    EXPECT_EQ(shortVersion.out, version.out);
 }
 
 TEST(ToolVerbose, ShowsTheLibrarysDiagnosticLines) {

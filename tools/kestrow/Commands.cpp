@@ -35,6 +35,25 @@ std::string letterText(char letter) {
     return std::string(1, letter) + ":";
 }
 
+// The library's three times come from the record's chosen $FILE_NAME
+// attribute, not from $STANDARD_INFORMATION, which is what an analyst would
+// otherwise take them for: every output names them so.
+JsonWriter& fileNameTimesJson(JsonWriter& json, unsigned long long created,
+                              unsigned long long modified, unsigned long long lastRead) {
+    return json.key("fileNameTimes")
+        .beginObject()
+        .field("created", isoTime(created))
+        .field("modified", isoTime(modified))
+        .field("lastRead", isoTime(lastRead))
+        .endObject();
+}
+
+// The column heading of a listed record's line (ls, find).
+std::string listingHeading(const char* last) {
+    return std::string("     index  type           size  modified ($FILE_NAME)         ") + last +
+           "\n";
+}
+
 std::string number(unsigned long long n) {
     return std::to_string(n);
 }
@@ -315,10 +334,9 @@ int recordCommand(Session& session) {
             .field("path", path)
             .field("parent", static_cast<unsigned long long>(record.parentMftIndex().index))
             .field("parentSequence",
-                   static_cast<unsigned long long>(record.parentMftIndex().sequence))
-            .field("created", isoTime(record.getCreationTime()))
-            .field("modified", isoTime(record.getModificationTime()))
-            .field("lastRead", isoTime(record.getLastReadTime()))
+                   static_cast<unsigned long long>(record.parentMftIndex().sequence));
+        fileNameTimesJson(json, record.getCreationTime(), record.getModificationTime(),
+                          record.getLastReadTime())
             .field("fileAttributes", record.getFileAttributes())
             .field("fileAttributeNames", attributeFlagNames(record.getFileAttributes()))
             .field("directory", directory)
@@ -356,9 +374,10 @@ int recordCommand(Session& session) {
     out << "   Path              : " << path << "\n";
     out << "   Parent            : " << number(record.parentMftIndex().index) << " (sequence "
         << number(record.parentMftIndex().sequence) << ")\n";
-    out << "   Created           : " << isoTime(record.getCreationTime()) << "\n";
-    out << "   Modified          : " << isoTime(record.getModificationTime()) << "\n";
-    out << "   Last read         : " << isoTime(record.getLastReadTime()) << "\n";
+    out << "   $FILE_NAME times  :\n";
+    out << "      Created        : " << isoTime(record.getCreationTime()) << "\n";
+    out << "      Modified       : " << isoTime(record.getModificationTime()) << "\n";
+    out << "      Last read      : " << isoTime(record.getLastReadTime()) << "\n";
     char flags[16];
     std::snprintf(flags, sizeof flags, "0x%08X", record.getFileAttributes());
     out << "   File attributes   : " << flags << " "
@@ -416,10 +435,8 @@ void writeEntryJson(JsonWriter& json, const ListedEntry& entry) {
         .field("index", entry.index)
         .field("name", s.name)
         .field("directory", (s.fileAttributes & DIRECTORY_ATTRIBUTE) != 0)
-        .field("size", s.dataSize)
-        .field("created", isoTime(s.creationTime))
-        .field("modified", isoTime(s.modificationTime))
-        .field("lastRead", isoTime(s.lastReadTime))
+        .field("size", s.dataSize);
+    fileNameTimesJson(json, s.creationTime, s.modificationTime, s.lastReadTime)
         .field("fileAttributes", s.fileAttributes)
         .endObject();
 }
@@ -493,7 +510,7 @@ int lsCommand(Session& session) {
     }
     out << directoryPath << "  (record " << number(directory.index) << ", "
         << number(isDirectory ? entries.size() : 0) << " entries)\n";
-    out << "     index  type           size  modified                      name\n";
+    out << listingHeading("name");
     for (const ListedEntry& entry : entries)
         writeEntryText(out, entry);
     return EXIT_OK;
@@ -564,17 +581,20 @@ int findCommand(Session& session) {
     if (session.options().json) {
         JsonWriter json(out);
         json.beginObject().field("path", path).key("records").beginArray();
-        for (const FileRecord& record : records)
+        for (const FileRecord& record : records) {
             json.beginObject()
                 .field("index", static_cast<unsigned long long>(record.mftIndex().index))
                 .field("parent", static_cast<unsigned long long>(record.parentMftIndex().index))
                 .field("directory", (record.getFileAttributes() & DIRECTORY_ATTRIBUTE) != 0)
-                .field("size", record.dataSize())
-                .field("modified", isoTime(record.getModificationTime()))
+                .field("size", record.dataSize());
+            fileNameTimesJson(json, record.getCreationTime(), record.getModificationTime(),
+                              record.getLastReadTime())
                 .endObject();
+        }
         json.endArray().endObject();
         return EXIT_OK;
     }
+    out << listingHeading("path");
     for (const FileRecord& record : records) {
         char line[96];
         std::snprintf(line, sizeof line, "%10llu  %-4s %14llu  %s  ",
