@@ -29,7 +29,7 @@ commands=$(kestrow --help | sed -n '/^commands:$/,/^$/s/^  \([a-z][a-z-]*\).*/\1
 expect "${commands}help" kestrow ""
 expect "${commands% }" kestrow help ""
 expect "info" kestrow --json in
-expect "--json" kestrow --js
+expect "--disk" kestrow --json --di
 expect "-V" kestrow --disk "$disk" -V
 expect "--version" kestrow --ver
 expect "$disk" kestrow --disk "${disk%.img}"
