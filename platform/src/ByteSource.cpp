@@ -17,7 +17,6 @@
 #else
 #include <fcntl.h>
 #include <sys/ioctl.h>
-#include <sys/mman.h>
 #include <sys/stat.h>
 #include <unistd.h>
 #if defined(__linux__)
@@ -36,20 +35,7 @@ DWORD ByteSource::readExactly(std::uint64_t offset, void* buffer, std::size_t le
     return result.bytes == length ? 0 : static_cast<DWORD>(ERROR_HANDLE_EOF);
 }
 
-DWORD ByteSource::mapReadOnly(std::uint64_t, std::size_t, MappedBytes&) const {
-    return ERROR_NOT_SUPPORTED;
-}
-
-DWORD ByteSource::mapReadOnlyAt(std::uint64_t, std::size_t, void*) const {
-    return ERROR_NOT_SUPPORTED;
-}
-
 namespace {
-
-// True when [offset, offset + length) lies inside a source of `size` bytes.
-bool rangeInside(std::uint64_t offset, std::uint64_t length, std::uint64_t size) {
-    return offset <= size && length <= size - offset;
-}
 
 // A failed read of the medium, in the words Windows uses for it.
 DWORD readErrorCode(int err) {
@@ -157,22 +143,6 @@ ReadResult HostFile::readAt(std::uint64_t offset, void* buffer, std::size_t leng
     return result;
 }
 
-// Views of the host file would need a mapping object per file; the drive
-// handles read through ReadFile instead.
-DWORD HostFile::mapReadOnly(std::uint64_t, std::size_t, MappedBytes&) const {
-    return ERROR_NOT_SUPPORTED;
-}
-
-DWORD HostFile::mapReadOnlyAt(std::uint64_t, std::size_t, void*) const {
-    return ERROR_NOT_SUPPORTED;
-}
-
-bool HostFile::mappable() const {
-    return false;
-}
-
-void unmapBytes(const MappedBytes&) {}
-
 #else
 
 std::shared_ptr<HostFile> HostFile::open(const std::string& path, std::string& error) {
@@ -200,7 +170,6 @@ std::shared_ptr<HostFile> HostFile::open(const std::string& path, std::string& e
 #endif
     } else if (S_ISREG(status.st_mode)) {
         file->m_size = static_cast<std::uint64_t>(status.st_size);
-        file->m_regularFile = true;
     } else {
         error = path + " is neither a regular file nor a block device";
         return nullptr;
@@ -235,55 +204,6 @@ ReadResult HostFile::readAt(std::uint64_t offset, void* buffer, std::size_t leng
     return result;
 }
 
-// PROT_READ on a descriptor opened O_RDONLY: the kernel refuses to make such
-// a shared mapping writable later (mprotect fails with EACCES), so nothing
-// done through a view can reach the image.
-DWORD HostFile::mapReadOnly(std::uint64_t offset, std::size_t length, MappedBytes& mapped) const {
-    if (!mappable())
-        return ERROR_NOT_SUPPORTED;
-    if (length == 0 || !rangeInside(offset, length, m_size))
-        return ERROR_INVALID_PARAMETER;
-    static const std::uint64_t page = static_cast<std::uint64_t>(::sysconf(_SC_PAGESIZE));
-    const std::uint64_t start = offset - offset % page;
-    const std::uint64_t lead = offset - start;
-    if (length > SIZE_MAX - lead)
-        return ERROR_NOT_ENOUGH_MEMORY;
-    void* base = ::mmap(nullptr, static_cast<std::size_t>(lead + length), PROT_READ, MAP_SHARED,
-                        m_fd, static_cast<off_t>(start));
-    if (base == MAP_FAILED)
-        return errno == ENOMEM ? static_cast<DWORD>(ERROR_NOT_ENOUGH_MEMORY)
-                               : static_cast<DWORD>(ERROR_ACCESS_DENIED);
-    mapped.base = base;
-    mapped.length = static_cast<std::size_t>(lead + length);
-    mapped.bytes = static_cast<const std::uint8_t*>(base) + lead;
-    return 0;
-}
-
-DWORD HostFile::mapReadOnlyAt(std::uint64_t offset, std::size_t length, void* address) const {
-    static const std::uint64_t page = static_cast<std::uint64_t>(::sysconf(_SC_PAGESIZE));
-    if (!mappable())
-        return ERROR_NOT_SUPPORTED;
-    if (length == 0 || !rangeInside(offset, length, m_size) || offset % page != 0 ||
-        reinterpret_cast<std::uintptr_t>(address) % page != 0)
-        return ERROR_INVALID_PARAMETER;
-    if (::mmap(address, length, PROT_READ, MAP_SHARED | MAP_FIXED, m_fd,
-               static_cast<off_t>(offset)) == MAP_FAILED)
-        return ERROR_ACCESS_DENIED;
-    return 0;
-}
-
-// Image files only. A block device is read with pread: a medium error there
-// is an error code the library reports, where touching a mapped page of a bad
-// sector would raise SIGBUS in the host.
-bool HostFile::mappable() const {
-    return m_regularFile && m_size != 0;
-}
-
-void unmapBytes(const MappedBytes& mapped) {
-    if (mapped.base != nullptr)
-        ::munmap(mapped.base, mapped.length);
-}
-
 #endif
 
 SliceSource::SliceSource(std::shared_ptr<const ByteSource> base, std::uint64_t offset,
@@ -296,13 +216,6 @@ ReadResult SliceSource::readAt(std::uint64_t offset, void* buffer, std::size_t l
     const std::size_t clipped =
         static_cast<std::size_t>(std::min<std::uint64_t>(length, m_length - offset));
     return m_base->readAt(m_offset + offset, buffer, clipped);
-}
-
-DWORD SliceSource::mapReadOnly(std::uint64_t offset, std::size_t length,
-                               MappedBytes& mapped) const {
-    if (!rangeInside(offset, length, m_length))
-        return ERROR_INVALID_PARAMETER;
-    return m_base->mapReadOnly(m_offset + offset, length, mapped);
 }
 
 ReadResult MemorySource::readAt(std::uint64_t offset, void* buffer, std::size_t length) const {

@@ -21,18 +21,6 @@ struct ReadResult {
     DWORD error = 0;
 };
 
-// A read-only host mapping of part of a source: `bytes` is the first byte
-// asked for; [base, base + length) is what the host mapped (whole pages) and
-// what unmapBytes gives back.
-struct MappedBytes {
-    void* base = nullptr;
-    std::size_t length = 0;
-    const std::uint8_t* bytes = nullptr;
-};
-
-// Releases a mapping made by ByteSource::mapReadOnly.
-void unmapBytes(const MappedBytes& mapped);
-
 class ByteSource {
 public:
     virtual ~ByteSource();
@@ -43,18 +31,6 @@ public:
 
     // Reads exactly `length` bytes, failing (ERROR_HANDLE_EOF) on a short read.
     DWORD readExactly(std::uint64_t offset, void* buffer, std::size_t length) const;
-
-    // Maps [offset, offset + length) for reading only; 0 or a Windows error
-    // code. The range must lie inside the source (ERROR_INVALID_PARAMETER
-    // otherwise). Sources without a host file behind them cannot be mapped
-    // and answer ERROR_NOT_SUPPORTED, which is what this default does.
-    virtual DWORD mapReadOnly(std::uint64_t offset, std::size_t length, MappedBytes& mapped) const;
-    // Whether mapReadOnly can succeed at all for this source.
-    virtual bool mappable() const { return false; }
-    // Maps [offset, offset + length) read-only in place of the pages at
-    // `address`, which the caller owns; both ends are page-aligned. Sources
-    // that cannot answer ERROR_NOT_SUPPORTED, which is what this default does.
-    virtual DWORD mapReadOnlyAt(std::uint64_t offset, std::size_t length, void* address) const;
 };
 
 // An image file or block device opened read-only.
@@ -66,9 +42,6 @@ public:
 
     std::uint64_t size() const override { return m_size; }
     ReadResult readAt(std::uint64_t offset, void* buffer, std::size_t length) const override;
-    DWORD mapReadOnly(std::uint64_t offset, std::size_t length, MappedBytes& mapped) const override;
-    bool mappable() const override;
-    DWORD mapReadOnlyAt(std::uint64_t offset, std::size_t length, void* address) const override;
 
     // The logical sector size the device reports, or 0 for a regular file.
     std::uint32_t deviceSectorSize() const { return m_deviceSectorSize; }
@@ -83,7 +56,6 @@ private:
     std::string m_path;
     std::uint64_t m_size = 0;
     std::uint32_t m_deviceSectorSize = 0;
-    bool m_regularFile = false;
 };
 
 // The bytes [offset, offset + length) of another source.
@@ -92,8 +64,6 @@ public:
     SliceSource(std::shared_ptr<const ByteSource> base, std::uint64_t offset, std::uint64_t length);
     std::uint64_t size() const override { return m_length; }
     ReadResult readAt(std::uint64_t offset, void* buffer, std::size_t length) const override;
-    DWORD mapReadOnly(std::uint64_t offset, std::size_t length, MappedBytes& mapped) const override;
-    bool mappable() const override { return m_base->mappable(); }
 
 private:
     std::shared_ptr<const ByteSource> m_base;

@@ -13,7 +13,6 @@
 #include <algorithm>
 #include <cstdio>
 #include <cstring>
-#include <map>
 #include <mutex>
 #include <optional>
 
@@ -39,9 +38,6 @@ constexpr DWORD kWriteAccess = 0x00000002u | 0x00000004u | 0x00000010u | 0x00000
 
 constexpr DWORD kMaxComponentLength = 255;
 
-// Views of a mapping start at multiples of this, as on Windows.
-constexpr std::uint64_t kAllocationGranularity = 64 * 1024;
-
 constexpr DWORD kNtfsFlags =
     FILE_CASE_SENSITIVE_SEARCH | FILE_CASE_PRESERVED_NAMES | FILE_UNICODE_ON_DISK |
     FILE_PERSISTENT_ACLS | FILE_FILE_COMPRESSION | FILE_VOLUME_QUOTAS | FILE_SUPPORTS_SPARSE_FILES |
@@ -52,16 +48,12 @@ constexpr DWORD kFatFlags =
     FILE_CASE_PRESERVED_NAMES | FILE_UNICODE_ON_DISK | FILE_READ_ONLY_VOLUME;
 
 struct OpenObject {
-    enum class Kind { Disk, Volume, File, Mapping } kind = Kind::Disk;
+    enum class Kind { Disk, Volume, File } kind = Kind::Disk;
     std::shared_ptr<const AttachedDisk> disk;
     std::shared_ptr<const AttachedVolume> volume;
     disk::NtfsFileInfo file;
     bool noBuffering = false;
     std::uint64_t position = 0;
-    // A mapping object: the bytes of the disk or volume it was made on, and
-    // its size.
-    std::shared_ptr<const disk::ByteSource> mapped;
-    std::uint64_t mappingSize = 0;
 
     std::shared_ptr<const disk::ByteSource> deviceBytes() const {
         return kind == Kind::Disk ? disk->bytes : volume->bytes;
@@ -124,11 +116,6 @@ public:
                            LPDWORD numberOfFreeClusters, LPDWORD totalNumberOfClusters) override;
     DWORD GetFileAttributesW(LPCWSTR fileName) override;
     BOOL GlobalMemoryStatusEx(LPMEMORYSTATUSEX buffer) override;
-    HANDLE CreateFileMappingW(HANDLE file, LPSECURITY_ATTRIBUTES attributes, DWORD protect,
-                              DWORD maximumSizeHigh, DWORD maximumSizeLow, LPCWSTR name) override;
-    LPVOID MapViewOfFile(HANDLE mapping, DWORD desiredAccess, DWORD offsetHigh, DWORD offsetLow,
-                         SIZE_T bytesToMap) override;
-    BOOL UnmapViewOfFile(LPCVOID baseAddress) override;
 
 private:
     HANDLE addHandle(OpenObject object);
@@ -150,8 +137,6 @@ private:
 
     std::mutex m_mutex;
     std::vector<std::optional<OpenObject>> m_handles;
-    // Live views by the address MapViewOfFile gave out.
-    std::map<const void*, disk::MappedBytes> m_views;
 };
 
 HANDLE DiskImageApi::addHandle(OpenObject object) {
@@ -304,8 +289,7 @@ BOOL DiskImageApi::ReadFile(HANDLE handle, LPVOID buffer, DWORD bytesToRead, LPD
     if (bytesRead != nullptr)
         *bytesRead = 0;
     const auto object = lookupHandle(handle);
-    // A mapping handle has no bytes to read, position or device to ask.
-    if (!object || object->kind == OpenObject::Kind::Mapping)
+    if (!object)
         return fail(ERROR_INVALID_HANDLE);
     // Overlapped I/O would need completion events this backend does not have.
     if (overlapped != nullptr)
@@ -372,8 +356,7 @@ BOOL DiskImageApi::readFileData(const OpenObject& object, HANDLE handle, LPVOID 
 BOOL DiskImageApi::SetFilePointerEx(HANDLE handle, LARGE_INTEGER distance,
                                     PLARGE_INTEGER newPosition, DWORD moveMethod) {
     const auto object = lookupHandle(handle);
-    // A mapping handle has no bytes to read, position or device to ask.
-    if (!object || object->kind == OpenObject::Kind::Mapping)
+    if (!object)
         return fail(ERROR_INVALID_HANDLE);
     LONGLONG base = 0;
     switch (moveMethod) {
@@ -488,8 +471,7 @@ BOOL DiskImageApi::DeviceIoControl(HANDLE handle, DWORD ioControlCode, LPVOID in
                                    DWORD inBufferSize, LPVOID outBuffer, DWORD outBufferSize,
                                    LPDWORD bytesReturned, LPOVERLAPPED overlapped) {
     const auto object = lookupHandle(handle);
-    // A mapping handle has no bytes to read, position or device to ask.
-    if (!object || object->kind == OpenObject::Kind::Mapping)
+    if (!object)
         return fail(ERROR_INVALID_HANDLE);
     if (overlapped != nullptr)
         return fail(ERROR_NOT_SUPPORTED);
@@ -647,119 +629,6 @@ BOOL DiskImageApi::GlobalMemoryStatusEx(LPMEMORYSTATUSEX buffer) {
     if (!queryHostMemory(*buffer))
         return fail(ERROR_NOT_ENOUGH_MEMORY);
 #endif
-    return succeed();
-}
-
-// Read-only mappings of whole disks and volumes whose bytes come from a host
-// file or block device, following the rules of Windows: a view starts at a
-// multiple of the allocation granularity and lies inside the mapping, and
-// size 0 means "to the end". Nothing writable is offered: a protection or a
-// view that would let a write through is refused, and copy-on-write views are
-// not offered either. Files inside a volume, and disks held in memory, cannot
-// be mapped; callers read them with ReadFile.
-HANDLE DiskImageApi::CreateFileMappingW(HANDLE file, LPSECURITY_ATTRIBUTES attributes,
-                                        DWORD protect, DWORD maximumSizeHigh, DWORD maximumSizeLow,
-                                        LPCWSTR name) {
-    (void)attributes;
-    const auto refuse = [](DWORD code) -> HANDLE {
-        setThreadLastError(code);
-        return nullptr;
-    };
-    // Memory backed by the paging file, and names shared between processes,
-    // are not this backend's to give.
-    if (file == INVALID_HANDLE_VALUE || name != nullptr)
-        return refuse(ERROR_NOT_SUPPORTED);
-    const auto object = lookupHandle(file);
-    if (!object || object->kind == OpenObject::Kind::Mapping)
-        return refuse(ERROR_INVALID_HANDLE);
-    const DWORD pageProtection = protect & 0xFFu;
-    const DWORD sectionFlags = protect & ~0xFFu;
-    if (sectionFlags != 0 && sectionFlags != SEC_COMMIT)
-        return refuse(ERROR_INVALID_PARAMETER);
-    switch (pageProtection) {
-    case PAGE_READONLY:
-        break;
-    case PAGE_READWRITE:
-    case PAGE_WRITECOPY:
-    case PAGE_EXECUTE_READWRITE:
-    case PAGE_EXECUTE_WRITECOPY:
-        return refuse(ERROR_WRITE_PROTECT); // the medium never changes
-    case PAGE_EXECUTE_READ:
-        return refuse(ERROR_ACCESS_DENIED);
-    default:
-        return refuse(ERROR_INVALID_PARAMETER);
-    }
-    if (object->kind == OpenObject::Kind::File)
-        return refuse(ERROR_NOT_SUPPORTED); // a file's clusters are not one host range
-    const auto bytes = object->deviceBytes();
-    if (!bytes->mappable())
-        return refuse(ERROR_NOT_SUPPORTED);
-    const std::uint64_t wanted = (std::uint64_t{maximumSizeHigh} << 32) | maximumSizeLow;
-    if (wanted == 0 && bytes->size() == 0)
-        return refuse(ERROR_FILE_INVALID);
-    // A read-only mapping cannot make its file any larger.
-    if (wanted > bytes->size())
-        return refuse(ERROR_NOT_ENOUGH_MEMORY);
-    OpenObject mapping;
-    mapping.kind = OpenObject::Kind::Mapping;
-    mapping.disk = object->disk;
-    mapping.volume = object->volume;
-    mapping.mapped = bytes;
-    mapping.mappingSize = wanted != 0 ? wanted : bytes->size();
-    HANDLE handle = addHandle(std::move(mapping));
-    if (handle == nullptr)
-        return refuse(ERROR_TOO_MANY_OPEN_FILES);
-    setThreadLastError(ERROR_SUCCESS);
-    return handle;
-}
-
-LPVOID DiskImageApi::MapViewOfFile(HANDLE mapping, DWORD desiredAccess, DWORD offsetHigh,
-                                   DWORD offsetLow, SIZE_T bytesToMap) {
-    const auto refuse = [](DWORD code) -> LPVOID {
-        setThreadLastError(code);
-        return nullptr;
-    };
-    const auto object = lookupHandle(mapping);
-    if (!object || object->kind != OpenObject::Kind::Mapping)
-        return refuse(ERROR_INVALID_HANDLE);
-    if ((desiredAccess & (FILE_MAP_WRITE | FILE_MAP_COPY | FILE_MAP_EXECUTE)) != 0)
-        return refuse(ERROR_ACCESS_DENIED);
-    if ((desiredAccess & FILE_MAP_READ) == 0)
-        return refuse(ERROR_INVALID_PARAMETER);
-    const std::uint64_t offset = (std::uint64_t{offsetHigh} << 32) | offsetLow;
-    if (offset % kAllocationGranularity != 0)
-        return refuse(ERROR_MAPPED_ALIGNMENT);
-    if (offset >= object->mappingSize)
-        return refuse(ERROR_ACCESS_DENIED);
-    const std::uint64_t length =
-        bytesToMap != 0 ? static_cast<std::uint64_t>(bytesToMap) : object->mappingSize - offset;
-    if (length > object->mappingSize - offset)
-        return refuse(ERROR_ACCESS_DENIED);
-    if (length > SIZE_MAX)
-        return refuse(ERROR_NOT_ENOUGH_MEMORY);
-    disk::MappedBytes view;
-    if (const DWORD error =
-            object->mapped->mapReadOnly(offset, static_cast<std::size_t>(length), view))
-        return refuse(error);
-    {
-        std::lock_guard<std::mutex> lock(m_mutex);
-        m_views[view.bytes] = view;
-    }
-    setThreadLastError(ERROR_SUCCESS);
-    return const_cast<std::uint8_t*>(view.bytes);
-}
-
-BOOL DiskImageApi::UnmapViewOfFile(LPCVOID baseAddress) {
-    disk::MappedBytes view;
-    {
-        std::lock_guard<std::mutex> lock(m_mutex);
-        const auto found = m_views.find(baseAddress);
-        if (found == m_views.end())
-            return fail(ERROR_INVALID_ADDRESS);
-        view = found->second;
-        m_views.erase(found);
-    }
-    disk::unmapBytes(view);
     return succeed();
 }
 

@@ -3,11 +3,6 @@
 #include <algorithm>
 #include <cstring>
 
-#if !defined(_WIN32)
-#include <sys/mman.h>
-#include <unistd.h>
-#endif
-
 namespace kestrow::platform::disk {
 
 MftOnlyDrive::MftOnlyDrive(std::shared_ptr<const ByteSource> mftFile,
@@ -55,62 +50,6 @@ ReadResult MftOnlyDrive::readAt(std::uint64_t offset, void* buffer, std::size_t 
         done += chunk;
     }
     return {wanted, 0};
-}
-
-DWORD MftOnlyDrive::mapReadOnly(std::uint64_t offset, std::size_t length,
-                                MappedBytes& mapped) const {
-    const Piece* piece = pieceAt(offset);
-    if (length == 0 || offset > m_size || length > m_size - offset)
-        return ERROR_INVALID_PARAMETER;
-    if (piece != nullptr) {
-        const std::uint64_t within = offset - piece->driveOffset;
-        const std::uint64_t fileOffset = piece->fileOffset + within;
-        if (length <= piece->length - within && fileOffset <= m_file->size() &&
-            length <= m_file->size() - fileOffset)
-            return m_file->mapReadOnly(fileOffset, length, mapped);
-    }
-    return mapAcrossPieces(offset, length, mapped);
-}
-
-// A view that starts before a run of the MFT, or spans several, is put
-// together from the file's pages mapped into place over zeros: what lies
-// outside the runs shows zeros. A view is only looked at where a read of the
-// drive would succeed (the MFT's own records), so those zeros are never
-// taken for the volume's data. Possible where clusters are whole pages.
-DWORD MftOnlyDrive::mapAcrossPieces(std::uint64_t offset, std::size_t length,
-                                    MappedBytes& mapped) const {
-#if defined(_WIN32)
-    (void)offset;
-    (void)length;
-    (void)mapped;
-    return ERROR_NOT_SUPPORTED;
-#else
-    const auto page = static_cast<std::uint64_t>(::sysconf(_SC_PAGESIZE));
-    if (!m_file->mappable() || m_clusterSize % page != 0 || offset % page != 0)
-        return ERROR_NOT_SUPPORTED;
-    const std::size_t span = static_cast<std::size_t>((length + page - 1) / page * page);
-    void* base = ::mmap(nullptr, span, PROT_READ, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
-    if (base == MAP_FAILED)
-        return ERROR_NOT_ENOUGH_MEMORY;
-    mapped = MappedBytes{base, span, static_cast<const std::uint8_t*>(base)};
-    const std::uint64_t end = offset + length;
-    for (const Piece& piece : m_pieces) {
-        const std::uint64_t from = std::max(offset, piece.driveOffset);
-        const std::uint64_t to = std::min(end, piece.driveOffset + piece.length);
-        const std::uint64_t fileOffset = piece.fileOffset + (from - piece.driveOffset);
-        if (from >= to || fileOffset >= m_file->size())
-            continue;
-        const std::size_t bytes =
-            static_cast<std::size_t>(std::min(to - from, m_file->size() - fileOffset));
-        if (m_file->mapReadOnlyAt(fileOffset, bytes,
-                                  static_cast<std::uint8_t*>(base) + (from - offset)) != 0) {
-            unmapBytes(mapped);
-            mapped = MappedBytes{};
-            return ERROR_NOT_SUPPORTED;
-        }
-    }
-    return 0;
-#endif
 }
 
 } // namespace kestrow::platform::disk

@@ -22,9 +22,6 @@ public:
 
     std::uint64_t size() const override { return m_size; }
     ReadResult readAt(std::uint64_t offset, void* buffer, std::size_t length) const override;
-    // Views show the file's bytes where the MFT's runs lie.
-    DWORD mapReadOnly(std::uint64_t offset, std::size_t length, MappedBytes& mapped) const override;
-    bool mappable() const override { return m_file->mappable(); }
 
     // What a read of a cluster the file does not hold fails with.
     static constexpr DWORD kMissingClusterError = ERROR_NOT_READY;
@@ -38,7 +35,6 @@ private:
     };
     // The piece holding drive byte `offset`, or null.
     const Piece* pieceAt(std::uint64_t offset) const;
-    DWORD mapAcrossPieces(std::uint64_t offset, std::size_t length, MappedBytes& mapped) const;
 
     std::shared_ptr<const ByteSource> m_file;
     std::vector<Piece> m_pieces; // by drive offset

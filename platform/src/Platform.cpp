@@ -12,21 +12,6 @@ Api* g_installed = nullptr;
 
 Api::~Api() = default;
 
-HANDLE Api::CreateFileMappingW(HANDLE, LPSECURITY_ATTRIBUTES, DWORD, DWORD, DWORD, LPCWSTR) {
-    SetLastError(ERROR_NOT_SUPPORTED);
-    return nullptr;
-}
-
-LPVOID Api::MapViewOfFile(HANDLE, DWORD, DWORD, DWORD, SIZE_T) {
-    SetLastError(ERROR_NOT_SUPPORTED);
-    return nullptr;
-}
-
-BOOL Api::UnmapViewOfFile(LPCVOID) {
-    SetLastError(ERROR_NOT_SUPPORTED);
-    return FALSE;
-}
-
 Api& current() {
     if (g_installed != nullptr)
         return *g_installed;
@@ -95,21 +80,6 @@ DWORD GetFileAttributesW(LPCWSTR fileName) {
 
 BOOL GlobalMemoryStatusEx(LPMEMORYSTATUSEX buffer) {
     return current().GlobalMemoryStatusEx(buffer);
-}
-
-HANDLE CreateFileMappingW(HANDLE file, LPSECURITY_ATTRIBUTES attributes, DWORD protect,
-                          DWORD maximumSizeHigh, DWORD maximumSizeLow, LPCWSTR name) {
-    return current().CreateFileMappingW(file, attributes, protect, maximumSizeHigh, maximumSizeLow,
-                                        name);
-}
-
-LPVOID MapViewOfFile(HANDLE mapping, DWORD desiredAccess, DWORD offsetHigh, DWORD offsetLow,
-                     SIZE_T bytesToMap) {
-    return current().MapViewOfFile(mapping, desiredAccess, offsetHigh, offsetLow, bytesToMap);
-}
-
-BOOL UnmapViewOfFile(LPCVOID baseAddress) {
-    return current().UnmapViewOfFile(baseAddress);
 }
 
 DWORD GetLastError() {

@@ -55,19 +55,6 @@ public:
         return ::GlobalMemoryStatusEx(buffer);
     }
 
-    HANDLE CreateFileMappingW(HANDLE file, LPSECURITY_ATTRIBUTES attributes, DWORD protect,
-                              DWORD maximumSizeHigh, DWORD maximumSizeLow, LPCWSTR name) override {
-        return ::CreateFileMappingW(file, attributes, protect, maximumSizeHigh, maximumSizeLow,
-                                    name);
-    }
-
-    LPVOID MapViewOfFile(HANDLE mapping, DWORD desiredAccess, DWORD offsetHigh, DWORD offsetLow,
-                         SIZE_T bytesToMap) override {
-        return ::MapViewOfFile(mapping, desiredAccess, offsetHigh, offsetLow, bytesToMap);
-    }
-
-    BOOL UnmapViewOfFile(LPCVOID baseAddress) override { return ::UnmapViewOfFile(baseAddress); }
-
     WideString errorMessage(DWORD code) override {
         // English first, as the library's logs are in English; a system
         // without the English resources answers in its own language, and

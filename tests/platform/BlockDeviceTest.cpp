@@ -92,25 +92,4 @@ TEST_F(BlockDevice, PartitionedDiskOnADeviceFindsItsVolumes) {
     EXPECT_EQ(platform::attachedDisks()[0].partitionTable, "MBR");
 }
 
-// A device's medium errors must reach the library as read errors: a mapped
-// page of a bad sector would raise SIGBUS instead. So devices are read,
-// never mapped.
-TEST_F(BlockDevice, DevicesAreReadNotMapped) {
-    LoopDevice loop(kestrow::test::mbrDisk(), 512);
-    if (loop.device().empty())
-        GTEST_SKIP() << "needs: a loop device (root and /dev/loop-control)";
-    std::string error;
-    ASSERT_TRUE(platform::attachDisks({loop.device()}, error)) << error;
-    for (const char* device : {"\\\\.\\PhysicalDrive0", "\\\\.\\C:"}) {
-        HANDLE handle = platform::CreateFileW(widen(device).c_str(), GENERIC_READ, 3, nullptr,
-                                              OPEN_EXISTING, 0, nullptr);
-        ASSERT_NE(handle, INVALID_HANDLE_VALUE) << device;
-        EXPECT_EQ(platform::CreateFileMappingW(handle, nullptr, PAGE_READONLY, 0, 0, nullptr),
-                  nullptr)
-            << device;
-        EXPECT_EQ(platform::GetLastError(), static_cast<DWORD>(ERROR_NOT_SUPPORTED)) << device;
-        platform::CloseHandle(handle);
-    }
-}
-
 } // namespace

@@ -213,29 +213,6 @@ TEST_F(Win32Path, ReadsAnImageAtAnyOffsetAndStopsAtItsEnd) {
     EXPECT_TRUE(platform::CloseHandle(file));
 }
 
-// The views the record buffer asks for reach the system's own mappings.
-TEST_F(Win32Path, MapsAFileForReadingInViewsAtTheAllocationGranularity) {
-    HANDLE file = platform::CreateFileW(widePath(bareVolume()).c_str(), GENERIC_READ,
-                                        FILE_SHARE_READ | FILE_SHARE_WRITE, nullptr, OPEN_EXISTING,
-                                        0, nullptr);
-    ASSERT_NE(file, INVALID_HANDLE_VALUE) << "error " << platform::GetLastError();
-    HANDLE mapping = platform::CreateFileMappingW(file, nullptr, PAGE_READONLY, 0, 0, nullptr);
-    ASSERT_NE(mapping, nullptr) << "error " << platform::GetLastError();
-
-    LPVOID view = platform::MapViewOfFile(mapping, FILE_MAP_READ, 0, 65536, 8192);
-    ASSERT_NE(view, nullptr) << "error " << platform::GetLastError();
-    const auto* bytes = static_cast<const std::uint8_t*>(view);
-    EXPECT_EQ(std::vector<std::uint8_t>(bytes, bytes + 8192),
-              readFileBytes(bareVolume(), 65536, 8192));
-    EXPECT_TRUE(platform::UnmapViewOfFile(view));
-
-    EXPECT_EQ(platform::MapViewOfFile(mapping, FILE_MAP_READ, 0, 4096, 4096), nullptr);
-    EXPECT_EQ(platform::GetLastError(), static_cast<DWORD>(ERROR_MAPPED_ALIGNMENT));
-
-    EXPECT_TRUE(platform::CloseHandle(mapping));
-    EXPECT_TRUE(platform::CloseHandle(file));
-}
-
 TEST_F(Win32Path, CloseHandleRejectsAHandleThatIsNotOpen) {
     platform::SetLastError(ERROR_SUCCESS);
     EXPECT_FALSE(platform::CloseHandle(reinterpret_cast<HANDLE>(std::uintptr_t{0x1234})));

@@ -26,9 +26,8 @@ public:
     virtual ~Api();
 
     virtual HANDLE CreateFileW(LPCWSTR fileName, DWORD desiredAccess, DWORD shareMode,
-                               LPSECURITY_ATTRIBUTES securityAttributes,
-                               DWORD creationDisposition, DWORD flagsAndAttributes,
-                               HANDLE templateFile) = 0;
+                               LPSECURITY_ATTRIBUTES securityAttributes, DWORD creationDisposition,
+                               DWORD flagsAndAttributes, HANDLE templateFile) = 0;
     virtual BOOL CloseHandle(HANDLE handle) = 0;
     virtual BOOL ReadFile(HANDLE handle, LPVOID buffer, DWORD bytesToRead, LPDWORD bytesRead,
                           LPOVERLAPPED overlapped) = 0;
@@ -46,16 +45,6 @@ public:
                                    LPDWORD totalNumberOfClusters) = 0;
     virtual DWORD GetFileAttributesW(LPCWSTR fileName) = 0;
     virtual BOOL GlobalMemoryStatusEx(LPMEMORYSTATUSEX buffer) = 0;
-
-    // Read-only views of a file or device. An Api that offers none keeps
-    // these defaults, which fail with ERROR_NOT_SUPPORTED: callers then read
-    // the bytes with ReadFile instead. A mapping handle is closed with
-    // CloseHandle.
-    virtual HANDLE CreateFileMappingW(HANDLE file, LPSECURITY_ATTRIBUTES attributes, DWORD protect,
-                                      DWORD maximumSizeHigh, DWORD maximumSizeLow, LPCWSTR name);
-    virtual LPVOID MapViewOfFile(HANDLE mapping, DWORD desiredAccess, DWORD offsetHigh,
-                                 DWORD offsetLow, SIZE_T bytesToMap);
-    virtual BOOL UnmapViewOfFile(LPCVOID baseAddress);
 
     // The thread's last error code. The default implementations keep one
     // thread-local value shared by every Api (SetLastError/GetLastError of
@@ -91,8 +80,8 @@ KESTROW_API HANDLE CreateFileW(LPCWSTR fileName, DWORD desiredAccess, DWORD shar
 KESTROW_API BOOL CloseHandle(HANDLE handle);
 KESTROW_API BOOL ReadFile(HANDLE handle, LPVOID buffer, DWORD bytesToRead, LPDWORD bytesRead,
                           LPOVERLAPPED overlapped);
-KESTROW_API BOOL SetFilePointerEx(HANDLE handle, LARGE_INTEGER distance,
-                                  PLARGE_INTEGER newPosition, DWORD moveMethod);
+KESTROW_API BOOL SetFilePointerEx(HANDLE handle, LARGE_INTEGER distance, PLARGE_INTEGER newPosition,
+                                  DWORD moveMethod);
 KESTROW_API BOOL DeviceIoControl(HANDLE handle, DWORD ioControlCode, LPVOID inBuffer,
                                  DWORD inBufferSize, LPVOID outBuffer, DWORD outBufferSize,
                                  LPDWORD bytesReturned, LPOVERLAPPED overlapped);
@@ -105,11 +94,6 @@ KESTROW_API BOOL GetDiskFreeSpaceW(LPCWSTR rootPathName, LPDWORD sectorsPerClust
                                    LPDWORD totalNumberOfClusters);
 KESTROW_API DWORD GetFileAttributesW(LPCWSTR fileName);
 KESTROW_API BOOL GlobalMemoryStatusEx(LPMEMORYSTATUSEX buffer);
-KESTROW_API HANDLE CreateFileMappingW(HANDLE file, LPSECURITY_ATTRIBUTES attributes, DWORD protect,
-                                      DWORD maximumSizeHigh, DWORD maximumSizeLow, LPCWSTR name);
-KESTROW_API LPVOID MapViewOfFile(HANDLE mapping, DWORD desiredAccess, DWORD offsetHigh,
-                                 DWORD offsetLow, SIZE_T bytesToMap);
-KESTROW_API BOOL UnmapViewOfFile(LPCVOID baseAddress);
 KESTROW_API DWORD GetLastError();
 KESTROW_API void SetLastError(DWORD code);
 KESTROW_API WideString errorMessage(DWORD code);
@@ -123,8 +107,7 @@ KESTROW_API WideString errorMessage(DWORD code);
 // per 4 KiB. These two always ask the host: they are not part of the Api a
 // test installs, and other allocation types or protections are refused
 // (ERROR_INVALID_PARAMETER).
-KESTROW_API LPVOID VirtualAlloc(LPVOID address, SIZE_T size, DWORD allocationType,
-                                DWORD protect);
+KESTROW_API LPVOID VirtualAlloc(LPVOID address, SIZE_T size, DWORD allocationType, DWORD protect);
 KESTROW_API BOOL VirtualFree(LPVOID address, SIZE_T size, DWORD freeType);
 
 // Raises the structured exception of a failed foundation assertion. On
