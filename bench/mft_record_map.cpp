@@ -1,13 +1,11 @@
 // Whole-MFT throughput on a large tree volume: loading the MFT's bytes (read
-// into one buffer, as the record buffer does, and through views of the drive,
-// as it once did), buildRecordMap, and the full path of every record.
+// into one buffer, as the record buffer does), buildRecordMap, and the full
+// path of every record.
 //
 // The image is KESTROW_BENCH_IMAGE, or the 100k-file tree image in the bench
 // image cache (bench/run.sh or `cmake --build <build> --target
 // bench_tree_images_100k` builds it there).
 #include <kestrow/Disks.h>
-#include <kestrow/Platform.h>
-#include <kestrow/WinTypes.h>
 #include <libKestrow/MasterFileTable.h>
 #include <orv/Logger.h>
 
@@ -19,7 +17,6 @@
 #include <filesystem>
 #include <memory>
 #include <string>
-#include <vector>
 
 namespace {
 
@@ -135,88 +132,6 @@ void reportMftBytes(benchmark::State& state, unsigned long long bytes, const Mft
     state.counters["records"] = static_cast<double>(bytes / chunks.recordBytes);
     state.counters["chunkBytes"] = static_cast<double>(chunks.chunkBytes);
 }
-
-// Every byte of every MFT run loaded through a read-only view of the drive of
-// exactly each chunk the record buffer reads (the previous view unmapped once
-// the next stands), and every record copied out of it; chunks that are not
-// whole 4 KiB pages are read. Shown beside the floor: the table no longer
-// maps the drive, since a view of an image that shrinks kills the process.
-void BM_ReadMftBytes(benchmark::State& state) {
-    namespace platform = kestrow::platform;
-    const auto setup = openForFloor(state);
-    if (!setup)
-        return;
-    MasterFileTable& table = *setup->table;
-    const MftChunks& chunks = setup->chunks;
-    if (chunks.runs.empty() || chunks.recordBytes == 0) {
-        state.SkipWithError("no MFT runs");
-        return;
-    }
-    const std::string drivePath =
-        "\\\\.\\PhysicalDrive" + std::to_string(chunks.runs[0].diskNumber);
-    const platform::WideString wideDrive(drivePath.begin(), drivePath.end());
-    HANDLE drive = platform::CreateFileW(wideDrive.c_str(), GENERIC_READ | GENERIC_WRITE,
-                                         FILE_SHARE_READ | FILE_SHARE_WRITE, nullptr, OPEN_EXISTING,
-                                         0, nullptr);
-    HANDLE mapping =
-        drive == INVALID_HANDLE_VALUE
-            ? nullptr
-            : platform::CreateFileMappingW(drive, nullptr, PAGE_READONLY, 0, 0, nullptr);
-    if (mapping == nullptr) {
-        if (drive != INVALID_HANDLE_VALUE)
-            platform::CloseHandle(drive);
-        state.SkipWithError("the drive cannot be mapped");
-        return;
-    }
-    constexpr unsigned long long GRANULARITY = 64 * 1024;
-    orv::Buffer<unsigned char> buffer;
-    buffer.resize(chunks.chunkBytes, false);
-    std::vector<unsigned char> record(chunks.recordBytes);
-    unsigned long long bytes = 0;
-    unsigned long long checksum = 0;
-    for (auto _ : state) {
-        bytes = 0;
-        LPVOID shown = nullptr;
-        const bool loaded = chunks.forEach([&](unsigned long long sector, unsigned long long n) {
-            const unsigned long long offset = sector * chunks.bytesPerSector;
-            const unsigned char* at = nullptr;
-            LPVOID next = nullptr;
-            if (offset % 4096 == 0 && n % 4096 == 0) {
-                const unsigned long long start = offset - offset % GRANULARITY;
-                next = platform::MapViewOfFile(
-                    mapping, FILE_MAP_READ, static_cast<DWORD>(start >> 32),
-                    static_cast<DWORD>(start), static_cast<SIZE_T>(offset - start + n));
-                if (next != nullptr)
-                    at = static_cast<const unsigned char*>(next) + (offset - start);
-            }
-            if (at == nullptr) {
-                if (!table.getDataAtSector(sector, n, buffer))
-                    return false;
-                at = buffer.data();
-            }
-            if (shown != nullptr)
-                platform::UnmapViewOfFile(shown);
-            shown = next;
-            for (unsigned long long r = 0; r + chunks.recordBytes <= n; r += chunks.recordBytes) {
-                std::memcpy(record.data(), at + r, chunks.recordBytes);
-                checksum += record[0];
-            }
-            bytes += n;
-            return true;
-        });
-        if (shown != nullptr)
-            platform::UnmapViewOfFile(shown);
-        if (!loaded) {
-            state.SkipWithError("read failed");
-            break;
-        }
-        benchmark::DoNotOptimize(checksum);
-    }
-    platform::CloseHandle(mapping);
-    platform::CloseHandle(drive);
-    reportMftBytes(state, bytes, chunks);
-}
-BENCHMARK(BM_ReadMftBytes)->Unit(benchmark::kMillisecond)->UseRealTime();
 
 // The floor for buildRecordMap: the same chunks read with ReadFile (pread in
 // the disk-image backend) into one reused buffer of the table's size, as the

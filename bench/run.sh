@@ -12,8 +12,7 @@
 #   a bodyfile of every file                  kestrow timeline / fls -r -m
 # and, in process (bench_mft_record_map), buildRecordMap's record rate beside
 # the floor: the MFT's runs read with pread into one reused buffer, in the
-# record buffer's chunks, nothing parsed (and, beside it, the same chunks
-# touched through read-only views of the image). Every kestrow command's page
+# record buffer's chunks, nothing parsed. Every kestrow command's page
 # faults and system time are shown with its time; memory is the peak resident
 # size of `kestrow paths` beyond that of `kestrow info` (which opens the
 # volume and sizes the record buffer), per record. The cost of one fresh page
@@ -476,7 +475,7 @@ bench_image() {
     local min_time=()
     [ "$QUICK" = 1 ] && min_time=(--benchmark_min_time=0.01)
     KESTROW_BENCH_IMAGE="$IMG" "$RECORD_MAP_BENCH" \
-        '--benchmark_filter=^BM_(ReadMftBytes|ReadMftBytesIntoBuffer|BuildRecordMap|OpenAndBuildRecordMap)/' \
+        '--benchmark_filter=^BM_(ReadMftBytesIntoBuffer|BuildRecordMap|OpenAndBuildRecordMap)/' \
         --benchmark_repetitions="$RUNS" --benchmark_report_aggregates_only=true \
         "${min_time[@]}" --benchmark_format=json --benchmark_out="$out/record-map.json" \
         --benchmark_out_format=json >/dev/null 2>"$out/record-map.err" ||
@@ -494,26 +493,22 @@ bench_image() {
     local paths_ratio owner_ratio
     paths_ratio=$(awk -v a="$tf" -v b="$tk" 'BEGIN { print a / b }')
     owner_ratio=$(awk -v a="$tif" -v b="$tko" 'BEGIN { print a / b }')
-    local view_f read_f build_f open_f
+    local read_f build_f open_f
     # The floor: the MFT's runs read with pread into one reused buffer of the
-    # table's size, as the record buffer loads them. Beside it, the same
-    # chunks touched through read-only views of the image, which the table
-    # no longer uses (a view of an image that shrinks kills the process).
+    # table's size, as the record buffer loads them.
     read -r -a read_f <<<"$(bench_figures "$out/record-map.json" BM_ReadMftBytesIntoBuffer)"
-    read -r -a view_f <<<"$(bench_figures "$out/record-map.json" BM_ReadMftBytes)"
     read -r -a build_f <<<"$(bench_figures "$out/record-map.json" BM_BuildRecordMap)"
     read -r -a open_f <<<"$(bench_figures "$out/record-map.json" BM_OpenAndBuildRecordMap)"
     [ ${#read_f[@]} -ge 2 ] && [ ${#build_f[@]} -ge 2 ] && [ ${#open_f[@]} -ge 2 ] ||
         die "$size: no figures in $out/record-map.json"
-    local floor_s view_text floor_paths_ratio
+    local floor_s floor_paths_ratio
     floor_s=$(awk -v t="${read_f[0]}" 'BEGIN { print t / 1000 }')
-    view_text=$([ ${#view_f[@]} -ge 1 ] && secs "$(awk -v t="${view_f[0]}" 'BEGIN { print t / 1000 }')" || echo n/a)
     floor_paths_ratio=$(awk -v a="$tk" -v b="$floor_s" 'BEGIN { printf "%.1f", a / b }')
 
     row "$size" "Every in-use record with its full path" "kestrow paths $(secs "$tk") ($(fault_text "$res" paths))" \
         "fls -r -p $(secs "$tf")" "$(ratio_text "$tk" "$tf")" ">=20x faster" "$(at_least "$paths_ratio" 20)"
     row "$size" "Every in-use record with its full path" "kestrow paths $(secs "$tk")" \
-        "pread floor $(secs "$floor_s") (views $view_text)" "${floor_paths_ratio}x the floor" "<=4x the floor" \
+        "pread floor $(secs "$floor_s")" "${floor_paths_ratio}x the floor" "<=4x the floor" \
         "$(awk -v r="$floor_paths_ratio" 'BEGIN { print (r <= 4 ? "met" : "missed") }')"
     row "$size" "Every in-use record with its full path" "kestrow paths $(secs "$tk")" "ntfsls -R $(secs "$tn")" \
         "$(ratio_text "$tk" "$tn")" "(reported)" "-"
@@ -559,9 +554,9 @@ bench_image() {
         done
         cpu() { median "$out/times" "$1" 3; }
         echo "  by CPU time (less sensitive to the machine's load): kestrow paths $(ratio_text "$(cpu kestrow_paths)" "$(cpu fls_paths)") than fls -r -p, $(ratio_text "$(cpu kestrow_paths)" "$(cpu ntfsls_paths)") than ntfsls -R; kestrow owner $(ratio_text "$(cpu kestrow_owner)" "$(cpu ifind_owner)") than ifind -d; kestrow bitmap $(ratio_text "$(cpu kestrow_bitmap)" "$(cpu blkls_used)") than blkls -a -l"
-        awk -v r="${read_f[0]}" -v c="${read_f[2]:-0}" -v v="${view_f[0]:-}" -v b="${build_f[0]}" -v o="${open_f[0]}" 'BEGIN {
-            printf "  bench_mft_record_map: pread floor %.1f ms (reads of %.0f bytes into one buffer), the same chunks through views %s, buildRecordMap %.1f ms, open + buildRecordMap %.1f ms\n",
-                r, c, (v == "" ? "n/a" : sprintf("%.1f ms", v)), b, o }'
+        awk -v r="${read_f[0]}" -v c="${read_f[2]:-0}" -v b="${build_f[0]}" -v o="${open_f[0]}" 'BEGIN {
+            printf "  bench_mft_record_map: pread floor %.1f ms (reads of %.0f bytes into one buffer), buildRecordMap %.1f ms, open + buildRecordMap %.1f ms\n",
+                r, c, b, o }'
         for f in volumes info paths owner bitmap; do
             printf '  kestrow %-7s %8d minor page faults, system time %6.3f s, peak resident %7d KiB\n' "$f" \
                 "$(resource "$res" "$f" 2)" "$(resource "$res" "$f" 3)" "$(resource "$res" "$f" 4)"
