@@ -41,13 +41,7 @@ std::string utf8(const std::u16string& text) {
 
 std::u16string nameOf(const NtfsAttribute& fileNameAttribute) {
     const LeView value(fileNameAttribute.value.data(), fileNameAttribute.value.size());
-    const std::size_t units = value.u8(fileName::kNameLength);
-    std::u16string name;
-    if (!value.has(fileName::kName, units * 2))
-        return name;
-    for (std::size_t i = 0; i < units; ++i)
-        name.push_back(static_cast<char16_t>(value.u16(fileName::kName + 2 * i)));
-    return name;
+    return utf16At(value, fileName::kName, value.u8(fileName::kNameLength));
 }
 
 // What the records say about the volume they came from.

@@ -8,7 +8,7 @@ namespace kestrow::platform::disk {
 MftOnlyDrive::MftOnlyDrive(std::shared_ptr<const ByteSource> mftFile,
                            const std::vector<DataRun>& runs, std::uint64_t clusterSize,
                            std::uint64_t size)
-    : m_file(std::move(mftFile)), m_clusterSize(clusterSize), m_size(size) {
+    : m_file(std::move(mftFile)), m_size(size) {
     for (const DataRun& run : runs)
         m_pieces.push_back({static_cast<std::uint64_t>(run.lcn) * clusterSize,
                             run.length * clusterSize, run.vcn * clusterSize});

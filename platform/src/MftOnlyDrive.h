@@ -38,7 +38,6 @@ private:
 
     std::shared_ptr<const ByteSource> m_file;
     std::vector<Piece> m_pieces; // by drive offset
-    std::uint64_t m_clusterSize;
     std::uint64_t m_size;
 };
 

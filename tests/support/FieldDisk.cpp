@@ -25,10 +25,14 @@ struct Extracted {
 };
 
 Extracted extract() {
-    const std::filesystem::path archive = archiveDirectory() / ARCHIVE;
-    const std::filesystem::path directory = KESTROW_FIELD_EXTRACT_DIR;
-    const std::filesystem::path image = directory / IMAGE;
+    // Absolute paths: under Wine they come out with a drive letter, which the
+    // tool runner turns into the Unix path that tar and The Sleuth Kit open.
     std::error_code error;
+    const std::filesystem::path archive =
+        std::filesystem::absolute(archiveDirectory() / ARCHIVE, error);
+    const std::filesystem::path directory =
+        std::filesystem::absolute(KESTROW_FIELD_EXTRACT_DIR, error);
+    const std::filesystem::path image = directory / IMAGE;
     if (!std::filesystem::exists(archive, error))
         return {std::nullopt, "needs: the disk written by Windows, " + archive.string() +
                                   " (KESTROW_FIELD_DIR names the directory that holds it)"};
