@@ -51,6 +51,8 @@ public:
     Volume& openAnyVolume(char letter);
     // Opens the volume's MFT; throws when it cannot be read.
     MasterFileTable& openMft();
+    // Writes out whatever the command printed and is still buffered.
+    void finishOutput() { m_out.flush(); }
     // The record buffer's size in bytes and in records, as the table logged
     // them while sizing it (the table keeps them private). Asked for before
     // openMft; 0 when not seen.
