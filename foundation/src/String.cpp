@@ -30,10 +30,14 @@ void freeUnits(Char16* units, unsigned int capacity) {
 
 } // namespace
 
+const Char16 String::EMPTY_UNITS[1] = {0};
+
 String::String(const char* text) : String(text, unitsOf(text)) {}
 
 String::String(const char* text, unsigned int n) {
-    initLocal();
+    initEmpty();
+    if (n == 0)
+        return;
     makeWritable(n);
     for (unsigned int i = 0; i < n; ++i)
         m_data[i] = static_cast<Char16>(static_cast<unsigned char>(text[i]));
@@ -42,7 +46,9 @@ String::String(const char* text, unsigned int n) {
 }
 
 String::String(const unsigned short* text, unsigned int n) {
-    initLocal();
+    initEmpty();
+    if (n == 0)
+        return;
     makeWritable(n);
     for (unsigned int i = 0; i < n; ++i)
         m_data[i] = static_cast<Char16>(text[i]);
@@ -51,7 +57,7 @@ String::String(const unsigned short* text, unsigned int n) {
 }
 
 String::String(const Char16* text, unsigned int n) {
-    initLocal();
+    initEmpty();
     assignUnits(text, n);
 }
 
@@ -62,7 +68,7 @@ String::String(const String& other) {
         m_capacity = 0;
         return;
     }
-    initLocal();
+    initEmpty();
     assignUnits(other.m_data, other.m_size);
 }
 
@@ -106,6 +112,14 @@ String String::literal(const Char16* text, unsigned int n) noexcept {
     return s;
 }
 
+String String::view(const Char16* text, unsigned int n) noexcept {
+    String s;
+    s.m_data = const_cast<Char16*>(text);
+    s.m_size = n;
+    s.m_capacity = VIEW;
+    return s;
+}
+
 void String::freeHeap() noexcept {
     freeUnits(m_data, m_capacity);
 }
@@ -115,21 +129,13 @@ void String::freeHeap() noexcept {
 void String::makeWritable(unsigned int capacity) {
     if (capacity < m_size)
         capacity = m_size;
-    if (!isBorrowed() && capacity <= m_capacity)
+    if (ownsHeap() && capacity <= m_capacity)
         return;
     unsigned int newCapacity = capacity;
-    if (!isBorrowed() && newCapacity < m_capacity * 2)
+    if (ownsHeap() && newCapacity < m_capacity * 2)
         newCapacity = m_capacity * 2;
-    if (newCapacity <= LOCAL_UNITS) {
-        // Only a borrowed text can get here: move it into the object.
-        Char16* old = m_data;
-        const unsigned int size = m_size;
-        initLocal();
-        std::memcpy(m_local, old, std::size_t(size) * sizeof(Char16));
-        m_size = size;
-        m_local[size] = 0;
-        return;
-    }
+    if (newCapacity == 0)
+        newCapacity = 1; // capacity 0 would mark a borrowed text
     Char16* units = allocateUnits(newCapacity);
     std::memcpy(units, m_data, std::size_t(m_size) * sizeof(Char16));
     units[m_size] = 0;
@@ -139,13 +145,13 @@ void String::makeWritable(unsigned int capacity) {
 }
 
 void String::assignUnits(const Char16* text, unsigned int n) {
-    if (isBorrowed() || n > m_capacity) {
+    if (!ownsHeap() || n > m_capacity) {
         releaseHeap();
-        initLocal();
-        if (n > LOCAL_UNITS) {
-            m_data = allocateUnits(n);
-            m_capacity = n;
-        }
+        initEmpty();
+        if (n == 0)
+            return;
+        m_data = allocateUnits(n);
+        m_capacity = n;
     }
     if (n != 0)
         std::memmove(m_data, text, std::size_t(n) * sizeof(Char16));
@@ -246,6 +252,8 @@ int String::compareNoCase(const String& other) const noexcept {
 }
 
 String& String::toUpper() {
+    if (m_size == 0)
+        return *this;
     makeWritable(m_size);
     for (unsigned int i = 0; i < m_size; ++i)
         m_data[i] = upperCase(m_data[i]);

@@ -278,20 +278,16 @@ void addSummary(MasterFileTable::RecordHashTable& table, unsigned long long& key
 
 } // namespace
 
+// The summary's name is kept in the table's block of names, which lives as
+// long as the table and its entries: a name costs its units alone, with no
+// block of its own. The record keeps its own text, whose room the next parse
+// into it reuses.
 void MasterFileTable::addToRecordHashTable(const FileRecord& record) {
-    addSummary(m_recordHashTable, m_keyBound, record.mftIndex().index,
-               [&record]() { return RecordSummary(record); });
-}
-
-// The record goes no further than the walk that read it: its name moves into
-// the summary instead of being copied (the next parse into the record makes
-// a new one anyway).
-void MasterFileTable::moveToRecordHashTable(FileRecord& record) {
-    addSummary(m_recordHashTable, m_keyBound, record.mftIndex().index, [&record]() {
+    addSummary(m_recordHashTable, m_keyBound, record.mftIndex().index, [this, &record]() {
         RecordSummary summary;
         summary.mftIndex = record.mftIndex();
         summary.parentMftIndex = record.parentMftIndex();
-        summary.name = std::move(FileRecordParser::name(record));
+        summary.name = m_names.keep(record.name());
         summary.fileAttributes = record.getFileAttributes();
         summary.creationTime = record.getCreationTime();
         summary.modificationTime = record.getModificationTime();
@@ -313,10 +309,7 @@ bool MasterFileTable::readValidRecord(const FileReference& ref, FileRecord& reco
     }
     if (!getMftRecord(ref, record, fullDetail) || !record.isValid())
         return false;
-    if (fullDetail)
-        addToRecordHashTable(record);
-    else
-        moveToRecordHashTable(record);
+    addToRecordHashTable(record);
     return true;
 }
 

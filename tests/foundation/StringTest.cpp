@@ -1,7 +1,12 @@
 #include <orv/Allocator.h>
 #include <orv/String.h>
+#include <orv/StringArena.h>
 
 #include <gtest/gtest.h>
+
+#include <memory>
+#include <string>
+#include <vector>
 
 namespace {
 
@@ -96,14 +101,51 @@ TEST(String, Utf8RoundTripIncludingSurrogatePairs) {
     EXPECT_EQ(orv::String::fromUtf8("\xFF").toUtf8(), "\xEF\xBF\xBD");
 }
 
-TEST(String, ShortStringsCostNoHeapAllocation) {
+TEST(String, AReusedStringAndCopiesOfLiteralsAllocateNothing) {
+    orv::String reused("DOCUME~1.TXT");
+    const orv::String literal = ORV_LITERAL("$FILE_NAME");
+    const orv::Char16 name[] = {'a', '.', 't', 'x', 't'};
     const unsigned long long before = orv::Allocator::heapAllocations();
     for (int i = 0; i < 1000; ++i) {
-        orv::String s("DOCUME~1.TXT");
-        orv::String t(s);
-        t.toUpper();
+        reused.assign(name, 5);
+        orv::String copy(literal);
+        copy = orv::String::EMPTY();
     }
     EXPECT_EQ(orv::Allocator::heapAllocations(), before);
+    EXPECT_TRUE(reused == "a.txt");
+    EXPECT_EQ(reused.getUCS2Buffer()[5], 0);
+}
+
+TEST(StringArena, KeepsTextsAsViewsWhoseCopiesOwnTheirText) {
+    auto arena = std::make_unique<orv::StringArena>();
+    std::vector<orv::String> sources;
+    std::vector<orv::String> kept;
+    // Enough names to fill several blocks, and one longer than any block.
+    for (int i = 0; i < 20000; ++i)
+        sources.emplace_back(("name-" + std::to_string(i) + std::string(i % 40, 'x')).c_str());
+    sources.emplace_back(std::string(3u << 20, 'L').c_str());
+    sources.emplace_back("");
+    for (const orv::String& source : sources)
+        kept.push_back(arena->keep(source));
+    std::vector<orv::String> copies(kept.begin(), kept.end());
+    for (std::size_t i = 0; i < sources.size(); ++i) {
+        ASSERT_TRUE(kept[i] == sources[i]) << i;
+        EXPECT_EQ(kept[i].getUCS2Buffer()[kept[i].size()], 0) << i;
+        if (!sources[i].empty()) {
+            EXPECT_NE(copies[i].getUCS2Buffer(), kept[i].getUCS2Buffer()) << i;
+        }
+    }
+    // A view changed in place gets its own text and leaves the arena's alone.
+    orv::String changed = kept[1];
+    changed.toUpper();
+    kept[0].append(orv::String("!"));
+    EXPECT_TRUE(kept[0] == "name-0!");
+    EXPECT_TRUE(kept[1] == sources[1]);
+    // The copies outlive the arena.
+    kept.clear();
+    arena.reset();
+    for (std::size_t i = 0; i < sources.size(); ++i)
+        ASSERT_TRUE(copies[i] == sources[i]) << i;
 }
 
 } // namespace

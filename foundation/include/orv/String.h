@@ -17,7 +17,7 @@ template <class T> class Array;
 
 class KESTROW_API String {
 public:
-    String() noexcept { initLocal(); }
+    String() noexcept { initEmpty(); }
     String(const char* text);
     String(const char* text, unsigned int n);
     String(const unsigned short* text, unsigned int n);
@@ -25,17 +25,9 @@ public:
     String(const String& other);
     // Inline, as the copy of a borrowed text below: whole-MFT walks move and
     // assign millions of names.
-    String(String&& other) noexcept {
-        if (other.isLocal()) {
-            m_data = m_local;
-            m_capacity = LOCAL_UNITS;
-            std::memcpy(m_local, other.m_local, sizeof m_local);
-        } else {
-            m_data = other.m_data;
-            m_capacity = other.m_capacity;
-        }
-        m_size = other.m_size;
-        other.initLocal();
+    String(String&& other) noexcept
+        : m_data(other.m_data), m_size(other.m_size), m_capacity(other.m_capacity) {
+        other.initEmpty();
     }
     ~String() { releaseHeap(); }
 
@@ -55,6 +47,11 @@ public:
     // A string over text with static storage duration, such as a literal: it
     // is not copied until the string is changed. Copies of it share the text.
     static String literal(const Char16* text, unsigned int n) noexcept;
+    // A string over text that its owner keeps, followed by a 0 unit, for as
+    // long as this string lives, such as a name held in a block of names: it
+    // is not copied, but every copy of the string gets its own text, since
+    // copies may outlive the owner.
+    static String view(const Char16* text, unsigned int n) noexcept;
 
     // Replaces the text with the first n units at `text`, in the string's
     // own storage when it has room (a reused string allocates nothing).
@@ -106,19 +103,21 @@ public:
     static Char16 upperCase(Char16 unit) noexcept;
 
 private:
-    // Texts of up to LOCAL_UNITS units live inside the object itself.
-    static constexpr unsigned int LOCAL_UNITS = 15;
+    // Kept small (a pointer and two counts): the record map holds one string
+    // per record, and most names are longer than any inline room a string
+    // could afford. Empty and literal texts take no storage of their own.
+    static constexpr unsigned int VIEW = 0xFFFFFFFFu; // m_capacity of a view
 
-    void initLocal() noexcept {
-        m_data = m_local;
+    void initEmpty() noexcept {
+        m_data = const_cast<Char16*>(EMPTY_UNITS);
         m_size = 0;
-        m_capacity = LOCAL_UNITS;
-        m_local[0] = 0;
+        m_capacity = 0;
     }
-    bool isLocal() const noexcept { return m_data == m_local; }
-    // A borrowed text (a literal) has capacity 0 and is never freed.
+    // A borrowed text (a literal, or the empty string) has capacity 0 and is
+    // never freed; copies share it.
     bool isBorrowed() const noexcept { return m_capacity == 0; }
-    bool ownsHeap() const noexcept { return !isLocal() && !isBorrowed(); }
+    bool isView() const noexcept { return m_capacity == VIEW; }
+    bool ownsHeap() const noexcept { return !isBorrowed() && !isView(); }
     void releaseHeap() noexcept {
         if (ownsHeap())
             freeHeap();
@@ -128,10 +127,11 @@ private:
     void assignUnits(const Char16* text, unsigned int n);
     void makeWritable(unsigned int capacity);
 
+    static const Char16 EMPTY_UNITS[1];
+
     Char16* m_data;
     unsigned int m_size;
     unsigned int m_capacity; // units available, not counting the terminator
-    Char16 m_local[LOCAL_UNITS + 1];
 };
 
 // Shorthand for a literal orv::String of a UCS-2 text, without a copy.

@@ -11,6 +11,7 @@
 #include <orv/Buffer.h>
 #include <orv/HashTable.h>
 #include <orv/String.h>
+#include <orv/StringArena.h>
 
 #include <memory>
 
@@ -124,8 +125,6 @@ private:
     bool readValidRecord(const FileReference& ref, FileRecord& record, bool fullDetail);
     void mergeExternalAttributes(FileRecord& record, bool fullDetail);
     void addToRecordHashTable(const FileRecord& record);
-    // The same for a record of the table's own walks, whose name it takes.
-    void moveToRecordHashTable(FileRecord& record);
 
     const RecordSummary* getParentPath(const FileReference& ref);
 
@@ -149,4 +148,6 @@ private:
     // known (a copied table). A walk in index order adds keys above it, which
     // need no lookup first.
     unsigned long long m_keyBound = 0;
+    // The names of the record hash table's summaries (views into it).
+    orv::StringArena m_names;
 };
