@@ -8,6 +8,7 @@
 #include <cstdint>
 #include <map>
 #include <set>
+#include <string>
 #include <vector>
 
 namespace disk = kestrow::platform::disk;
@@ -27,8 +28,7 @@ RecordTimes timesAt(const disk::LeView& value, std::size_t first) {
     return times;
 }
 
-void readStandardInformation(const disk::NtfsAttribute& attribute, RecordDetails& details) {
-    const disk::LeView value(attribute.value.data(), attribute.value.size());
+void readStandardInformation(const disk::LeView& value, RecordDetails& details) {
     // The times and flags are in every version of the value; the owner and
     // security ids only in the longer one of NTFS 3.0 and later.
     if (!value.has(0, disk::standardInformation::kFileAttributes + 4) ||
@@ -43,13 +43,13 @@ void readStandardInformation(const disk::NtfsAttribute& attribute, RecordDetails
     }
 }
 
-void readFileName(const disk::NtfsAttribute& attribute, unsigned long long record,
+void readFileName(const disk::AttributeInPlace& attribute, unsigned long long record,
                   RecordDetails& details) {
-    const disk::LeView value(attribute.value.data(), attribute.value.size());
+    const disk::LeView& value = attribute.value;
     const std::size_t units = value.u8(disk::fileName::kNameLength);
     if (!value.has(disk::fileName::kName, units * 2))
         return; // a name cut short by damage is no name
-    RecordFileName name;
+    RecordFileName& name = details.names.emplace_back();
     name.attributeId = attribute.id;
     name.record = record;
     name.parent = referenceOf(value.u64(disk::fileName::kParent));
@@ -58,23 +58,21 @@ void readFileName(const disk::NtfsAttribute& attribute, unsigned long long recor
     name.allocatedSize = value.u64(disk::fileName::kAllocatedSize);
     name.realSize = value.u64(disk::fileName::kRealSize);
     name.flags = value.u32(disk::fileName::kFlags);
-    name.valueLength = static_cast<unsigned int>(attribute.value.size());
-    name.name = disk::utf16At(value, disk::fileName::kName, units);
-    details.names.push_back(std::move(name));
+    name.valueLength = static_cast<unsigned int>(value.size());
+    disk::assignUtf16(disk::LeView(value.data() + disk::fileName::kName, units * 2), name.name);
 }
 
-void readStream(const disk::NtfsAttribute& attribute, unsigned long long record,
-                RecordDetails& details) {
-    RecordStream stream;
+void readStream(const disk::AttributeInPlace& attribute, const std::u16string& name,
+                unsigned long long record, RecordDetails& details) {
+    RecordStream& stream = details.streams.emplace_back();
     stream.type = attribute.type;
     stream.attributeId = attribute.id;
     stream.record = record;
-    stream.name = attribute.name;
+    stream.name = name;
     stream.resident = !attribute.nonResident;
     stream.size = attribute.nonResident ? attribute.dataSize : attribute.value.size();
     stream.allocatedSize = attribute.nonResident ? attribute.allocatedSize : 0;
     stream.flags = attribute.flags;
-    details.streams.push_back(std::move(stream));
 }
 
 // An attribute list larger than this is damage: real ones hold a few
@@ -83,15 +81,19 @@ constexpr std::uint64_t MAX_ATTRIBUTE_LIST_BYTES = 4u << 20;
 
 // The bytes of a non-resident value through the caller's cluster reader;
 // empty when a run cannot be read.
-std::vector<std::uint8_t> readNonResident(const disk::NtfsAttribute& attribute,
+std::vector<std::uint8_t> readNonResident(const disk::AttributeInPlace& attribute,
                                           const RecordReader::ClusterReader& clusters,
                                           unsigned int bytesPerCluster) {
     std::vector<std::uint8_t> bytes;
     if (!clusters || bytesPerCluster == 0 || attribute.dataSize > MAX_ATTRIBUTE_LIST_BYTES)
         return bytes;
+    std::vector<disk::DataRun> runs;
+    std::string ignored;
+    // A damaged run list keeps the runs before the damage.
+    disk::decodeRunList(attribute.runList, attribute.lowestVcn, runs, ignored);
     const std::uint64_t wanted = attribute.dataSize;
     std::vector<std::uint8_t> run;
-    for (const disk::DataRun& piece : attribute.runs) {
+    for (const disk::DataRun& piece : runs) {
         if (bytes.size() >= wanted)
             break;
         if (piece.length > (wanted - bytes.size() + bytesPerCluster - 1) / bytesPerCluster + 1)
@@ -108,7 +110,7 @@ std::vector<std::uint8_t> readNonResident(const disk::NtfsAttribute& attribute,
     return bytes;
 }
 
-void readAttributeList(const disk::NtfsAttribute& attribute, RecordDetails& details,
+void readAttributeList(const disk::AttributeInPlace& attribute, RecordDetails& details,
                        const RecordReader::ClusterReader& clusters, unsigned int bytesPerCluster) {
     details.hasAttributeList = true;
     details.attributeListResident = !attribute.nonResident;
@@ -119,8 +121,8 @@ void readAttributeList(const disk::NtfsAttribute& attribute, RecordDetails& deta
             return;
     }
     details.attributeListRead = true;
-    const std::vector<std::uint8_t>& bytes = attribute.nonResident ? stored : attribute.value;
-    const disk::LeView list(bytes.data(), bytes.size());
+    const disk::LeView list =
+        attribute.nonResident ? disk::LeView(stored.data(), stored.size()) : attribute.value;
     for (std::size_t offset = 0; list.has(offset, disk::listEntry::kMinimumLength);) {
         const std::uint16_t length = list.u16(offset + disk::listEntry::kLength);
         if (length < disk::listEntry::kMinimumLength)
@@ -139,37 +141,52 @@ void readAttributeList(const disk::NtfsAttribute& attribute, RecordDetails& deta
     }
 }
 
-void readAttributes(const std::vector<disk::AttributePiece>& pieces, unsigned long long record,
-                    RecordDetails& details, const RecordReader::ClusterReader& clusters,
-                    unsigned int bytesPerCluster) {
-    for (const disk::AttributePiece& piece : pieces) {
-        const disk::NtfsAttribute& attribute = piece.attribute;
-        details.attributes.push_back(RecordAttribute{attribute.type, attribute.id, record,
-                                                     !attribute.nonResident, attribute.name});
+// Takes each attribute as the walk finds it, straight from the record's
+// bytes: nothing is copied but what the details keep.
+class DetailsReader final : public disk::AttributeVisitor {
+public:
+    DetailsReader(unsigned long long record, RecordDetails& details,
+                  const RecordReader::ClusterReader& clusters, unsigned int bytesPerCluster)
+        : m_record(record), m_details(details), m_clusters(clusters),
+          m_bytesPerCluster(bytesPerCluster) {}
+
+    void visit(const disk::AttributeInPlace& attribute) override {
+        RecordAttribute& entry = m_details.attributes.emplace_back();
+        entry.type = attribute.type;
+        entry.attributeId = attribute.id;
+        entry.record = m_record;
+        entry.resident = !attribute.nonResident;
+        disk::assignUtf16(attribute.name, entry.name);
         switch (attribute.type) {
         case disk::attr::kStandardInformation:
             if (!attribute.nonResident)
-                readStandardInformation(attribute, details);
+                readStandardInformation(attribute.value, m_details);
             break;
         case disk::attr::kFileName:
             if (!attribute.nonResident)
-                readFileName(attribute, record, details);
+                readFileName(attribute, m_record, m_details);
             break;
         case disk::attr::kData:
         case disk::attr::kIndexRoot:
             // A non-resident stream continued in another piece shows once, by
             // the piece that starts it.
-            if (!attribute.nonResident || piece.lowestVcn == 0)
-                readStream(attribute, record, details);
+            if (!attribute.nonResident || attribute.lowestVcn == 0)
+                readStream(attribute, entry.name, m_record, m_details);
             break;
         case disk::attr::kAttributeList:
-            readAttributeList(attribute, details, clusters, bytesPerCluster);
+            readAttributeList(attribute, m_details, m_clusters, m_bytesPerCluster);
             break;
         default:
             break;
         }
     }
-}
+
+private:
+    unsigned long long m_record;
+    RecordDetails& m_details;
+    const RecordReader::ClusterReader& m_clusters;
+    unsigned int m_bytesPerCluster;
+};
 
 } // namespace
 
@@ -239,13 +256,9 @@ bool RecordReader::readInPlace(unsigned char* bytes, std::size_t size, unsigned 
                                unsigned int bytesPerCluster) {
     if (!readHeader(bytes, size, index, details))
         return false;
-    // The pieces keep their memory between calls: a timeline reads every
-    // record of the MFT.
-    thread_local std::vector<disk::AttributePiece> pieces;
     details.fixupsApplied = disk::applyFixups(bytes, size);
-    pieces.clear();
-    details.attributesComplete = disk::parseRecordAttributes(bytes, size, pieces);
-    readAttributes(pieces, index, details, clusters, bytesPerCluster);
+    DetailsReader reader(index, details, clusters, bytesPerCluster);
+    details.attributesComplete = disk::walkRecordAttributes(bytes, size, reader);
     return true;
 }
 

@@ -18,12 +18,19 @@ std::uint64_t signExtended(std::uint64_t raw, unsigned bytes) {
 
 std::u16string utf16At(const LeView& view, std::size_t offset, std::size_t units) {
     std::u16string text;
-    if (!view.has(offset, units * 2))
-        return text;
-    text.reserve(units);
-    for (std::size_t i = 0; i < units; ++i)
-        text.push_back(static_cast<char16_t>(view.u16(offset + 2 * i)));
+    if (view.has(offset, units * 2))
+        assignUtf16(LeView(view.data() + offset, units * 2), text);
     return text;
+}
+
+void assignUtf16(const LeView& bytes, std::u16string& text) {
+    // Every unit lies inside the view, so none needs a check of its own: a
+    // timeline decodes a name or two for each of millions of records.
+    const std::uint8_t* at = bytes.data();
+    const std::size_t units = bytes.size() / 2;
+    text.resize(units);
+    for (std::size_t i = 0; i < units; ++i)
+        text[i] = static_cast<char16_t>(at[2 * i] | (at[2 * i + 1] << 8));
 }
 
 bool readFileRecordHeader(const LeView& record, FileRecordHeader& header) {
@@ -44,8 +51,7 @@ bool parseRecordAttributes(const std::vector<std::uint8_t>& record,
     return parseRecordAttributes(record.data(), record.size(), pieces);
 }
 
-bool parseRecordAttributes(const std::uint8_t* record, std::size_t size,
-                           std::vector<AttributePiece>& pieces) {
+bool walkRecordAttributes(const std::uint8_t* record, std::size_t size, AttributeVisitor& visitor) {
     const LeView view(record, size);
     const std::size_t limit = std::min<std::size_t>(view.u32(fileRecord::kBytesInUse), view.size());
     std::size_t offset = view.u16(fileRecord::kFirstAttribute);
@@ -60,40 +66,75 @@ bool parseRecordAttributes(const std::uint8_t* record, std::size_t size,
         if (length < attrHeader::kMinimumLength || length > limit - offset || (length % 8) != 0)
             return false;
         const LeView header = view.sub(offset, length);
-        AttributePiece piece;
-        NtfsAttribute& attribute = piece.attribute;
+        AttributeInPlace attribute;
         attribute.type = type;
         attribute.nonResident = header.u8(attrHeader::kNonResident) != 0;
         attribute.flags = header.u16(attrHeader::kFlags);
         attribute.id = header.u16(attrHeader::kId);
-        attribute.name = utf16At(header, header.u16(attrHeader::kNameOffset),
-                                 header.u8(attrHeader::kNameLength));
+        const std::size_t nameOffset = header.u16(attrHeader::kNameOffset);
+        const std::size_t nameBytes = std::size_t{header.u8(attrHeader::kNameLength)} * 2;
+        if (header.has(nameOffset, nameBytes))
+            attribute.name = LeView(header.data() + nameOffset, nameBytes);
         if (!attribute.nonResident) {
             const std::uint32_t valueLength = header.u32(attrHeader::kResidentValueLength);
             const std::uint16_t valueOffset = header.u16(attrHeader::kResidentValueOffset);
             if (header.has(valueOffset, valueLength) && valueLength <= kMaxResidentValue)
-                attribute.value.assign(header.data() + valueOffset,
-                                       header.data() + valueOffset + valueLength);
+                attribute.value = LeView(header.data() + valueOffset, valueLength);
         } else if (length >= attrHeader::kMinimumNonResidentLength) {
-            piece.lowestVcn = header.u64(attrHeader::kLowestVcn);
-            attribute.lowestVcn = piece.lowestVcn;
+            attribute.lowestVcn = header.u64(attrHeader::kLowestVcn);
             attribute.allocatedSize = header.u64(attrHeader::kAllocatedSize);
             attribute.dataSize = header.u64(attrHeader::kDataSize);
             attribute.initializedSize = header.u64(attrHeader::kInitializedSize);
             const std::uint16_t runsOffset = header.u16(attrHeader::kRunListOffset);
-            if (runsOffset < length) {
-                std::string ignored;
-                // A damaged run list keeps the runs before the damage.
-                decodeRunList(header.sub(runsOffset, length - runsOffset), piece.lowestVcn,
-                              attribute.runs, ignored);
-            }
+            if (runsOffset < length)
+                attribute.runList = header.sub(runsOffset, length - runsOffset);
         } else {
             return false;
         }
-        pieces.push_back(std::move(piece));
+        visitor.visit(attribute);
         offset += length;
     }
     return false;
+}
+
+namespace {
+
+class PieceCollector final : public AttributeVisitor {
+public:
+    explicit PieceCollector(std::vector<AttributePiece>& pieces) : m_pieces(pieces) {}
+
+    void visit(const AttributeInPlace& found) override {
+        AttributePiece piece;
+        NtfsAttribute& attribute = piece.attribute;
+        attribute.type = found.type;
+        attribute.nonResident = found.nonResident;
+        attribute.flags = found.flags;
+        attribute.id = found.id;
+        assignUtf16(found.name, attribute.name);
+        attribute.value.assign(found.value.data(), found.value.data() + found.value.size());
+        if (found.nonResident) {
+            piece.lowestVcn = found.lowestVcn;
+            attribute.lowestVcn = found.lowestVcn;
+            attribute.allocatedSize = found.allocatedSize;
+            attribute.dataSize = found.dataSize;
+            attribute.initializedSize = found.initializedSize;
+            std::string ignored;
+            // A damaged run list keeps the runs before the damage.
+            decodeRunList(found.runList, piece.lowestVcn, attribute.runs, ignored);
+        }
+        m_pieces.push_back(std::move(piece));
+    }
+
+private:
+    std::vector<AttributePiece>& m_pieces;
+};
+
+} // namespace
+
+bool parseRecordAttributes(const std::uint8_t* record, std::size_t size,
+                           std::vector<AttributePiece>& pieces) {
+    PieceCollector collector(pieces);
+    return walkRecordAttributes(record, size, collector);
 }
 
 std::vector<NtfsAttribute> mergePieces(std::vector<AttributePiece> pieces) {

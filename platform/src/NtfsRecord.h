@@ -155,6 +155,9 @@ struct AttributePiece {
 
 // `units` UTF-16 units at `offset`; empty when they do not fit the view.
 std::u16string utf16At(const LeView& view, std::size_t offset, std::size_t units);
+// The UTF-16 units of `bytes` (two bytes each) into `text`, whose memory is
+// reused.
+void assignUtf16(const LeView& bytes, std::u16string& text);
 
 // The header of one FILE record.
 struct FileRecordHeader {
@@ -171,9 +174,39 @@ struct FileRecordHeader {
 // not begin with "FILE".
 bool readFileRecordHeader(const LeView& record, FileRecordHeader& header);
 
-// Parses the attributes of one fixed-up FILE record. Stops quietly at the
-// first damaged header: what came before it is still good. True when the walk
-// ended at the end marker or the bytes in use, false when damage stopped it.
+// One attribute as it stands in its record: the header's fields, with the
+// name, the value and the run list left in the record's bytes, for a reader
+// that looks at every attribute of a large MFT and keeps little of it.
+struct AttributeInPlace {
+    std::uint32_t type = 0;
+    bool nonResident = false;
+    std::uint16_t flags = 0;
+    std::uint16_t id = 0;
+    LeView name;  // two bytes a UTF-16 unit; empty when it does not fit the attribute
+    LeView value; // resident; empty when it does not fit or exceeds kMaxResidentValue
+    std::uint64_t lowestVcn = 0; // non-resident, as are the sizes and the run list
+    std::uint64_t allocatedSize = 0;
+    std::uint64_t dataSize = 0;
+    std::uint64_t initializedSize = 0;
+    LeView runList; // empty when its offset lies outside the attribute
+};
+
+class AttributeVisitor {
+public:
+    virtual void visit(const AttributeInPlace& attribute) = 0;
+
+protected:
+    ~AttributeVisitor() = default;
+};
+
+// Walks the attributes of one fixed-up FILE record in record order, handing
+// each to `visitor`. Stops quietly at the first damaged header: what came
+// before it is still good. True when the walk ended at the end marker or the
+// bytes in use, false when damage stopped it.
+bool walkRecordAttributes(const std::uint8_t* record, std::size_t size, AttributeVisitor& visitor);
+
+// The walk above, each attribute copied out of the record, its run list
+// decoded.
 bool parseRecordAttributes(const std::vector<std::uint8_t>& record,
                            std::vector<AttributePiece>& pieces);
 bool parseRecordAttributes(const std::uint8_t* record, std::size_t size,
