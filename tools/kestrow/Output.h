@@ -27,6 +27,11 @@ public:
     Output& operator<<(char c);
     Output& operator<<(unsigned long long number);
     Output& operator<<(const orv::String& text);
+    // Room for up to `bytes` written in place, handed back with commit(end):
+    // a line built straight in the buffer is not copied there afterwards.
+    // nullptr when the piece is larger than the whole buffer.
+    char* room(std::size_t bytes) { return makeRoom(bytes) ? m_data.get() + m_used : nullptr; }
+    void commit(const char* end) { m_used = static_cast<std::size_t>(end - m_data.get()); }
     void flush();
 
 private:

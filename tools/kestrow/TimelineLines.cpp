@@ -2,6 +2,8 @@
 
 #include <charconv>
 #include <cstdint>
+#include <cstring>
+#include <string_view>
 
 namespace kestrow::tool {
 
@@ -11,16 +13,17 @@ constexpr unsigned long long NTFS_TICKS_AT_UNIX_EPOCH = 116444736000000000ULL;
 constexpr unsigned long long NTFS_TICKS_PER_SECOND = 10000000ULL;
 constexpr unsigned int FILE_NAME_TYPE = 0x30;
 constexpr unsigned int READ_ONLY_FLAGS = 0x1 | 0x2 | 0x4; // read-only, hidden, system
+constexpr std::size_t MAX_DIGITS = 20;                    // of a 64-bit number
 
 // The bodyfile's own texts, as The Sleuth Kit writes them.
-constexpr const char FILE_NAME_SUFFIX[] = " ($FILE_NAME)";
-constexpr const char DELETED_SUFFIX[] = " (deleted)";
+constexpr std::string_view FILE_NAME_SUFFIX = " ($FILE_NAME)";
+constexpr std::string_view DELETED_SUFFIX = " (deleted)";
 constexpr const char16_t INDEX_NAME[] = u"$I30";
 
 // Seconds since 1970 as bodyfiles carry them: 32 bits. A time before 1970
 // or after 2106 (an unset time of 0 among them) wraps, as it does in fls's
 // bodyfile, so that the two tools' lines stay comparable.
-unsigned long long unixSeconds(unsigned long long ntfsTime) {
+std::uint32_t unixSeconds(unsigned long long ntfsTime) {
     return static_cast<std::uint32_t>((ntfsTime - NTFS_TICKS_AT_UNIX_EPOCH) /
                                       NTFS_TICKS_PER_SECOND);
 }
@@ -41,21 +44,26 @@ bool isDefaultStream(const RecordStream& stream) {
     return stream.name == INDEX_NAME;
 }
 
-void appendNumber(std::string& line, unsigned long long n) {
-    char digits[24];
-    const std::to_chars_result end = std::to_chars(digits, digits + sizeof digits, n);
-    line.append(digits, end.ptr);
+char* writeText(char* at, std::string_view text) {
+    std::memcpy(at, text.data(), text.size());
+    return at + text.size();
 }
 
-void appendTimes(std::string& line, const RecordTimes& times) {
+// In the number's own width: most are times of 32 bits, which are written
+// with cheaper divisions than 64-bit numbers.
+template <typename Unsigned> char* writeNumber(char* at, Unsigned n) {
+    return std::to_chars(at, at + MAX_DIGITS, n).ptr;
+}
+
+char* writeTimes(char* at, const RecordTimes& times) {
     // atime|mtime|ctime|crtime; ctime is the MFT change time.
-    appendNumber(line, unixSeconds(times.accessed));
-    line += '|';
-    appendNumber(line, unixSeconds(times.modified));
-    line += '|';
-    appendNumber(line, unixSeconds(times.mftChanged));
-    line += '|';
-    appendNumber(line, unixSeconds(times.created));
+    at = writeNumber(at, unixSeconds(times.accessed));
+    *at++ = '|';
+    at = writeNumber(at, unixSeconds(times.modified));
+    *at++ = '|';
+    at = writeNumber(at, unixSeconds(times.mftChanged));
+    *at++ = '|';
+    return writeNumber(at, unixSeconds(times.created));
 }
 
 // "r/rrwxrwxrwx": the entry's type (- once deleted), the record's type and
@@ -68,39 +76,56 @@ const char* modeText(const RecordDetails& details) {
 }
 
 // One line: the name is the path, then an optional ":stream", then the
-// suffixes; built in place, since a volume has millions of them.
+// suffixes.
 struct BodyName {
     const std::string& path;
     const std::u16string* stream; // nullptr for the file's own line
-    const char* kind;             // FILE_NAME_SUFFIX or ""
-    const char* deleted;          // DELETED_SUFFIX or ""
+    std::string_view kind;        // FILE_NAME_SUFFIX or ""
+    std::string_view deleted;     // DELETED_SUFFIX or ""
 };
 
-void writeBodyLine(Output& out, std::string& line, const BodyName& name, unsigned long long index,
+// A line's bytes beyond its path and stream name: its texts, eight numbers
+// and the separators.
+constexpr std::size_t BODY_LINE_FIXED_BYTES = 128 + 8 * MAX_DIGITS;
+
+// Writes the line straight into the output's buffer, since a volume has
+// millions of them; one too long for the buffer is built in `spare` first.
+void writeBodyLine(Output& out, std::string& spare, const BodyName& name, unsigned long long index,
                    unsigned int type, unsigned short id, const char* mode, unsigned long long size,
                    const RecordTimes& times) {
-    line.assign("0|");
-    line += name.path;
+    const std::size_t streamBytes = name.stream ? name.stream->size() * MAX_UTF8_PER_UNIT : 0;
+    const std::size_t most = BODY_LINE_FIXED_BYTES + name.path.size() + streamBytes;
+    char* const start = out.room(most);
+    if (start == nullptr)
+        spare.resize(most);
+    char* at = start != nullptr ? start : spare.data();
+    const char* const first = at;
+    at = writeText(at, "0|");
+    at = writeText(at, name.path);
     if (name.stream != nullptr) {
-        line += ':';
-        appendUtf8(line, *name.stream);
+        *at++ = ':';
+        at = writeUtf8(at, reinterpret_cast<const orv::Char16*>(name.stream->data()),
+                       static_cast<unsigned int>(name.stream->size()));
     }
-    line += name.kind;
-    line += name.deleted;
-    line += '|';
-    appendNumber(line, index);
-    line += '-';
-    appendNumber(line, type);
-    line += '-';
-    appendNumber(line, id);
-    line += '|';
-    line += mode;
-    line += "|0|0|";
-    appendNumber(line, size);
-    line += '|';
-    appendTimes(line, times);
-    line += '\n';
-    out << line;
+    at = writeText(at, name.kind);
+    at = writeText(at, name.deleted);
+    *at++ = '|';
+    at = writeNumber(at, index);
+    *at++ = '-';
+    at = writeNumber(at, type);
+    *at++ = '-';
+    at = writeNumber(at, id);
+    *at++ = '|';
+    at = writeText(at, mode);
+    at = writeText(at, "|0|0|");
+    at = writeNumber(at, size);
+    *at++ = '|';
+    at = writeTimes(at, times);
+    *at++ = '\n';
+    if (start != nullptr)
+        out.commit(at);
+    else
+        out << std::string_view(first, static_cast<std::size_t>(at - first));
 }
 
 std::string csvField(const std::string& text) {
@@ -153,7 +178,7 @@ const char TIMELINE_CSV_HEADER[] =
 void writeBodyName(Output& out, std::string& line, const RecordDetails& details,
                    const std::string& path) {
     const char* mode = modeText(details);
-    const char* deleted = details.inUse ? "" : DELETED_SUFFIX;
+    const std::string_view deleted = details.inUse ? std::string_view("") : DELETED_SUFFIX;
     if (const RecordFileName* name = timelineFileName(details))
         writeBodyLine(out, line, BodyName{path, nullptr, FILE_NAME_SUFFIX, deleted}, details.index,
                       FILE_NAME_TYPE, name->attributeId, mode, name->valueLength, name->times);
