@@ -8,9 +8,12 @@ namespace kestrow::tool {
 
 namespace {
 
-// Records are read a few MiB at a time: large enough that the reads cost
-// little, small enough to stay in the cache while they are parsed.
-constexpr unsigned long long CHUNK_BYTES = 4ULL * 1024 * 1024;
+// Records are read 128 KiB at a time: large enough that the reads cost
+// little, small enough that the bytes a read has just put in the buffer are
+// still in the core's own cache (L2) when they are parsed. With chunks of a
+// few MiB every record came from the shared cache or memory instead, which
+// cost a timeline a tenth of its time.
+constexpr unsigned long long CHUNK_BYTES = 128ULL * 1024;
 
 // The record slots of one run: its sectors up to (not including) endSector,
 // and never more than the volume holds, which a damaged run list may claim.
