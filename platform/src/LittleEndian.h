@@ -59,10 +59,15 @@ private:
             m_overrun = true;
             return 0;
         }
-        std::uint64_t value = 0;
-        for (std::size_t i = 0; i < width; ++i)
-            value |= static_cast<std::uint64_t>(m_data[offset + i]) << (8 * i);
-        return value;
+        // A fixed eight-byte pattern, the same value on any host, which
+        // compilers read with one load where the host is little-endian; a
+        // loop over `width` bytes stays a loop, on every field of every
+        // record a whole-MFT scan reads.
+        std::uint8_t b[8] = {};
+        std::memcpy(b, m_data + offset, width);
+        return std::uint64_t{b[0]} | std::uint64_t{b[1]} << 8 | std::uint64_t{b[2]} << 16 |
+               std::uint64_t{b[3]} << 24 | std::uint64_t{b[4]} << 32 | std::uint64_t{b[5]} << 40 |
+               std::uint64_t{b[6]} << 48 | std::uint64_t{b[7]} << 56;
     }
 
     const std::uint8_t* m_data = nullptr;
