@@ -4,6 +4,7 @@
 // The MFT is read once, straight from its runs, and the lines stream out as
 // the records come; only records whose path needs a record not yet read wait.
 #include "AnalystCommands.h"
+#include "BodyfileLines.h"
 #include "MftScan.h"
 #include "Session.h"
 #include "TimelineLines.h"

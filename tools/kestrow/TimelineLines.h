@@ -1,6 +1,6 @@
-// The lines of a timeline: bodyfile lines as fls -r -m writes them, CSV rows
-// and JSON Lines objects, each from one record as the analysts' reader sees
-// it and the full paths of its names.
+// The lines of a timeline other than the bodyfile's (BodyfileLines.h): CSV
+// rows and JSON Lines objects, each from one record as the analysts' reader
+// sees it and the full paths of its names.
 #pragma once
 
 #include "Output.h"
@@ -14,12 +14,6 @@ namespace kestrow::tool {
 
 // The CSV's header row, line end included.
 extern const char TIMELINE_CSV_HEADER[];
-
-// The bodyfile lines of one name: the "($FILE_NAME)" line with that
-// attribute's times, and a line per stream (and directory index) with the
-// $STANDARD_INFORMATION times; " (deleted)" after each of a free record.
-void writeBodyName(Output& out, std::string& line, const RecordDetails& details,
-                   const std::string& path);
 
 // One CSV row for one name of a record, both time sets in ISO 8601 UTC.
 void writeCsvName(Output& out, const RecordDetails& details, const RecordFileName& name,
