@@ -258,7 +258,7 @@ void appendUtf8(std::string& out, const orv::String& text) {
     out.resize(static_cast<std::size_t>(end - out.data()));
 }
 
-void appendUtf8(std::string& out, const std::u16string& text) {
+void appendUtf8(std::string& out, std::u16string_view text) {
     // The library's UTF-16 unit is char16_t here and wchar_t on Windows: the
     // same 16 bits.
     static_assert(sizeof(orv::Char16) == sizeof(char16_t));

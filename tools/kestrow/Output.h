@@ -44,7 +44,7 @@ private:
 
 // UCS-2 to UTF-8; an unpaired surrogate becomes U+FFFD.
 void appendUtf8(std::string& out, const orv::String& text);
-void appendUtf8(std::string& out, const std::u16string& text);
+void appendUtf8(std::string& out, std::u16string_view text);
 // The same into `out`, which has room for MAX_UTF8_PER_UNIT bytes a unit;
 // returns the end of what was written.
 constexpr std::size_t MAX_UTF8_PER_UNIT = 3;

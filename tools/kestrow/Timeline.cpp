@@ -89,7 +89,7 @@ private:
         if (const RecordFileName* name = details.preferredName()) {
             // Only a directory stands in paths; a file's name is its own line.
             if (details.directory)
-                node->name = name->name;
+                m_paths.name(*node, name->name);
             node->parent = name->parent.index;
             node->parentSequence = static_cast<unsigned short>(name->parent.sequence);
         } else {
@@ -109,12 +109,12 @@ private:
     void nameFromExtensions() {
         for (const auto& [base, extensions] : m_extensions) {
             PathNode* node = m_paths.node(base);
-            if (node == nullptr || !node->name.empty())
+            if (node == nullptr || PathBook::named(*node))
                 continue;
             node->awaitsExtensions = false;
             for (const RecordDetails& extension : extensions) {
                 if (const RecordFileName* name = extension.preferredName()) {
-                    node->name = name->name;
+                    m_paths.name(*node, name->name);
                     node->parent = name->parent.index;
                     node->parentSequence = static_cast<unsigned short>(name->parent.sequence);
                     break;

@@ -6,7 +6,10 @@
 
 #include <libKestrow/RecordReader.h>
 
+#include <algorithm>
+#include <cstdint>
 #include <string>
+#include <string_view>
 #include <vector>
 
 namespace kestrow::tool {
@@ -18,10 +21,14 @@ constexpr unsigned int MAX_PATH_DEPTH = 1024;
 // Where fls puts the names that no directory chain reaches.
 constexpr const char ORPHAN_DIRECTORY[] = "/$OrphanFiles";
 
-// What the timeline keeps of each record slot, for the paths.
+// What the timeline keeps of each record slot, for the paths: small, since
+// there is one for every slot of the MFT and each new page of them costs a
+// page fault.
 struct PathNode {
-    std::u16string name; // directories only: nothing else stands in a path
     unsigned long long parent = 0;
+    std::uint32_t nameStart = 0;  // in the book's name units
+    std::uint32_t cachedPath = 0; // 1 + its place among the book's cached paths; 0: none yet
+    std::uint16_t nameLength = 0; // 0: no name (only a directory stands in paths)
     unsigned short parentSequence = 0;
     unsigned short sequence = 0;
     bool visited = false; // its slot has been read
@@ -32,11 +39,24 @@ struct PathNode {
 
 class PathBook {
 public:
-    explicit PathBook(unsigned long long slots)
-        : m_nodes(slots), m_cached(slots, 0), m_paths(slots) {}
+    explicit PathBook(unsigned long long slots) : m_nodes(slots) {}
 
     PathNode* node(unsigned long long index) {
         return index < m_nodes.size() ? &m_nodes[index] : nullptr;
+    }
+
+    static bool named(const PathNode& node) { return node.nameLength != 0; }
+
+    // Gives the node the name its paths go through. Names are kept one after
+    // the other in one block; should that block ever outgrow its 32-bit
+    // offsets, the node stays unnamed (its entries become orphans).
+    void name(PathNode& node, const std::u16string& name) {
+        if (m_names.size() > UINT32_MAX - name.size())
+            return;
+        node.nameStart = static_cast<std::uint32_t>(m_names.size());
+        node.nameLength =
+            static_cast<std::uint16_t>(std::min<std::size_t>(name.size(), UINT16_MAX));
+        m_names.append(name, 0, node.nameLength);
     }
 
     // True when every record the chain needs has been read, so that
@@ -45,12 +65,13 @@ public:
         unsigned long long index = parent.index;
         unsigned short sequence = static_cast<unsigned short>(parent.sequence);
         for (unsigned int depth = 0; depth < MAX_PATH_DEPTH; ++depth) {
-            if (index == ROOT_RECORD_INDEX || index >= m_nodes.size() || m_cached[index])
+            if (index == ROOT_RECORD_INDEX || index >= m_nodes.size() ||
+                m_nodes[index].cachedPath != 0)
                 return true;
             const PathNode& node = m_nodes[index];
             if (!node.visited || node.awaitsExtensions)
                 return false;
-            if (!fits(node, sequence, deleted) || node.name.empty())
+            if (!fits(node, sequence, deleted) || !named(node))
                 return true; // an orphan, whatever comes later
             deleted = deleted || !node.inUse;
             sequence = node.parentSequence;
@@ -71,12 +92,12 @@ public:
             if (index == ROOT_RECORD_INDEX)
                 break;
             if (depth == MAX_PATH_DEPTH || index >= m_nodes.size() ||
-                !fits(m_nodes[index], sequence, deleted) || m_nodes[index].name.empty()) {
+                !fits(m_nodes[index], sequence, deleted) || !named(m_nodes[index])) {
                 path = ORPHAN_DIRECTORY;
                 return;
             }
-            if (m_cached[index]) {
-                path = m_paths[index];
+            if (m_nodes[index].cachedPath != 0) {
+                path = m_paths[m_nodes[index].cachedPath - 1];
                 break;
             }
             m_chain.push_back(index);
@@ -86,10 +107,13 @@ public:
             index = node.parent;
         }
         for (auto at = m_chain.rbegin(); at != m_chain.rend(); ++at) {
+            PathNode& node = m_nodes[*at];
             path += '/';
-            appendUtf8(path, m_nodes[*at].name);
-            m_cached[*at] = 1;
-            m_paths[*at] = path;
+            appendUtf8(path, std::u16string_view(m_names).substr(node.nameStart, node.nameLength));
+            if (m_paths.size() < UINT32_MAX) {
+                m_paths.push_back(path);
+                node.cachedPath = static_cast<std::uint32_t>(m_paths.size());
+            }
         }
     }
 
@@ -107,8 +131,8 @@ private:
     }
 
     std::vector<PathNode> m_nodes;
-    std::vector<char> m_cached;
-    std::vector<std::string> m_paths;
+    std::u16string m_names;                  // the nodes' names, one after the other
+    std::vector<std::string> m_paths;        // of the directories whose paths were asked for
     std::vector<unsigned long long> m_chain; // kept for its memory
 };
 
