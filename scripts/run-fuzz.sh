@@ -3,9 +3,16 @@
 # UndefinedBehaviorSanitizer, replays the kept corpus of each and runs each
 # for a bounded time.
 #
-#   scripts/run-fuzz.sh [--merge] [--only TARGET] [seconds-per-target] [build-dir]
+#   scripts/run-fuzz.sh [--merge] [--only TARGET] [--sanitizers undefined]
+#                       [seconds-per-target] [build-dir]
 #
 # Seconds default to 30; the build directory to <repo>/build-fuzz.
+#
+# --sanitizers undefined builds with UndefinedBehaviorSanitizer alone, into
+# <repo>/build-fuzz-ubsan: several times the executions a second, without
+# AddressSanitizer's checks of every access. It is there to accumulate
+# executions in a campaign; what it keeps is replayed by every default
+# (AddressSanitizer) run, CI's included, before that run fuzzes.
 #
 # Corpora. fuzz/corpus/<target> is the kept, minimised corpus in the
 # repository. Every run first replays it (each input once: a regression
@@ -14,8 +21,9 @@
 # ($KESTROW_FIXTURE_DIR, else <repo>/build/fixtures) by fuzz/make_seeds.py,
 # and grows from run to run. With --merge the working corpus is minimised
 # into the kept one (libFuzzer's -merge=1: only inputs that reach new
-# coverage are kept) and the run is added to fuzz/campaign.tsv, the record of
-# the campaign: executions, edges and features reached, corpus size.
+# coverage are kept) and the run is added to fuzz/campaign.tsv (or
+# $KESTROW_FUZZ_RECORD), the record of the campaign: executions, edges and
+# features reached, corpus size, and which build ran.
 #
 # The kept corpus has a budget: no input over its target's kept_max_len, and
 # fuzz/corpus at most KESTROW_CORPUS_BUDGET_KB (default 8192) KiB in all as
@@ -30,26 +38,36 @@ set -euo pipefail
 
 merge=0
 only=""
+sanitizers="address,undefined"
 while [ $# -gt 0 ]; do
   case "$1" in
     --merge) merge=1; shift ;;
     --only) only="$2"; shift 2 ;;
-    --help | -h) sed -n '2,27p' "$0" | sed 's/^# \{0,1\}//'; exit 0 ;;
+    --sanitizers) sanitizers="$2"; shift 2 ;;
+    --help | -h) sed -n '2,36p' "$0" | sed 's/^# \{0,1\}//'; exit 0 ;;
     *) break ;;
   esac
 done
 
+# The build's name in the campaign record, and where it is built.
+case "$sanitizers" in
+  address,undefined) build_name="asan+ubsan" default_build=build-fuzz ;;
+  undefined) build_name="ubsan" default_build=build-fuzz-ubsan ;;
+  *) echo "run-fuzz.sh: --sanitizers takes address,undefined (the default) or undefined" >&2; exit 2 ;;
+esac
+
 seconds=${1:-30}
 root=$(cd "$(dirname "$0")/.." && pwd)
-build=${2:-$root/build-fuzz}
+build=${2:-$root/$default_build}
 fixtures=${KESTROW_FIXTURE_DIR:-$root/build/fixtures}
 kept_root="$root/fuzz/corpus"
 dictionary="$root/fuzz/dict/ntfs.dict"
-record="$root/fuzz/campaign.tsv"
+record=${KESTROW_FUZZ_RECORD:-$root/fuzz/campaign.tsv}
 budget_kb=${KESTROW_CORPUS_BUDGET_KB:-8192}
 
 CC=${CC:-clang} CXX=${CXX:-clang++} cmake -S "$root" -B "$build" -G Ninja \
   -DCMAKE_BUILD_TYPE=RelWithDebInfo -DKESTROW_BUILD_FUZZ=ON -DKESTROW_SANITIZE=ON \
+  -DKESTROW_SANITIZERS="$sanitizers" \
   -DKESTROW_BUILD_TESTS=OFF -DKESTROW_BUILD_BENCH=OFF >/dev/null
 
 targets=()
@@ -169,7 +187,11 @@ merge_into_kept() {
 
 mkdir -p "$build/findings" "$build/logs"
 if [ "$merge" = 1 ] && [ ! -f "$record" ]; then
-  printf 'date\tcommit\ttarget\tseconds\texecutions\tedges\tfeatures\tkept_inputs\tkept_kib\tfindings\n' >"$record"
+  printf 'date\tcommit\ttarget\tseconds\texecutions\tedges\tfeatures\tkept_inputs\tkept_kib\tfindings\tbuild\n' >"$record"
+elif [ "$merge" = 1 ] && ! head -n 1 "$record" | grep -q $'\tbuild$'; then
+  # A record from before the build column: all its runs were AddressSanitizer's.
+  awk 'BEGIN {FS = OFS = "\t"} {print $0, (NR == 1 ? "build" : "asan+ubsan")}' "$record" >"$record.new"
+  mv "$record.new" "$record"
 fi
 status=0
 for target in "${targets[@]}"; do
@@ -196,7 +218,10 @@ for target in "${targets[@]}"; do
   echo "== $target: ${seconds}s, $(ls "$corpus" | wc -l) inputs in the corpus"
   log="$build/logs/$target-run.log"
   findings=0
-  if ! run_target "$target" -max_total_time="$seconds" -print_final_stats=1 "$corpus" >"$log" 2>&1; then
+  # One process per corpus: -reload=0 spares it re-reading (and hashing) its
+  # own new inputs from the directory every second.
+  if ! run_target "$target" -max_total_time="$seconds" -print_final_stats=1 -reload=0 "$corpus" \
+    >"$log" 2>&1; then
     tail -n 40 "$log" >&2
     echo "!! $target found a problem; see $build/findings" >&2
     findings=1
@@ -213,10 +238,10 @@ for target in "${targets[@]}"; do
     if [ "$findings" = 0 ]; then
       merge_into_kept "$target" || status=1
     fi
-    printf '%s\t%s\t%s\t%s\t%s\t%s\t%s\t%s\t%s\t%s\n' "$(date -u +%Y-%m-%dT%H:%MZ)" \
+    printf '%s\t%s\t%s\t%s\t%s\t%s\t%s\t%s\t%s\t%s\t%s\n' "$(date -u +%Y-%m-%dT%H:%MZ)" \
       "$(git -C "$root" rev-parse --short HEAD 2>/dev/null || echo -)" "${target#fuzz_}" \
       "$seconds" "${executions:-0}" "${edges:-0}" "${features:-0}" "$(ls "$kept" | wc -l)" \
-      "$(kib_of "$kept")" "$findings" >>"$record"
+      "$(kib_of "$kept")" "$findings" "$build_name" >>"$record"
   fi
 done
 exit $status
