@@ -11,6 +11,8 @@
 #include "filerecord_fuzz_platform.h"
 
 #include <cstdio>
+#include <cstdlib>
+#include <fcntl.h>
 #include <string>
 #include <unistd.h>
 
@@ -26,12 +28,34 @@ const std::string& imagePath() {
     return path;
 }
 
+void removeImage() {
+    std::remove(imagePath().c_str());
+}
+
+// The file lives as long as the process and is rewritten in place, keeping
+// its pages: creating and removing it for every input allocated and freed
+// them each time.
+int imageFile() {
+    static const int descriptor = [] {
+        const int opened = open(imagePath().c_str(), O_RDWR | O_CREAT | O_TRUNC, 0600);
+        if (opened >= 0)
+            std::atexit(removeImage);
+        return opened;
+    }();
+    return descriptor;
+}
+
 bool writeImage(const std::uint8_t* data, std::size_t size) {
-    std::FILE* file = std::fopen(imagePath().c_str(), "wb");
-    if (file == nullptr)
+    const int file = imageFile();
+    if (file < 0 || ftruncate(file, static_cast<off_t>(size)) != 0)
         return false;
-    const bool written = std::fwrite(data, 1, size, file) == size;
-    return std::fclose(file) == 0 && written;
+    for (std::size_t done = 0; done < size;) {
+        const ssize_t written = pwrite(file, data + done, size - done, static_cast<off_t>(done));
+        if (written <= 0)
+            return false;
+        done += static_cast<std::size_t>(written);
+    }
+    return true;
 }
 
 // Record slots looked at: enough for the system files and the first
@@ -76,6 +100,5 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
         }
     }
     kestrow::platform::attachDisks({}, error);
-    std::remove(imagePath().c_str());
     return 0;
 }
