@@ -49,6 +49,20 @@ public:
         return LeView(m_data + offset, length);
     }
 
+    // `count` 16-bit units from `offset` into `out` (a table such as
+    // $UpCase), with one bounds check for all of them; false, and `out`
+    // untouched, when they do not fit.
+    bool u16s(std::size_t offset, std::size_t count, char16_t* out) const {
+        if (count > m_size / 2 || !has(offset, 2 * count)) {
+            m_overrun = true;
+            return false;
+        }
+        const std::uint8_t* at = m_data + offset;
+        for (std::size_t i = 0; i < count; ++i)
+            out[i] = static_cast<char16_t>(at[2 * i] | at[2 * i + 1] << 8);
+        return true;
+    }
+
     bool bytesEqual(std::size_t offset, const void* expected, std::size_t length) const {
         return has(offset, length) && std::memcmp(m_data + offset, expected, length) == 0;
     }

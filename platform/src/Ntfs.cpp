@@ -264,9 +264,7 @@ void NtfsVolume::loadUpcase() {
     if (readRuns(data->runs, 0, bytes.data(), bytes.size()) != 0)
         return;
     m_upcase.resize(kUpcaseEntries);
-    const LeView view(bytes.data(), bytes.size());
-    for (std::size_t i = 0; i < kUpcaseEntries; ++i)
-        m_upcase[i] = static_cast<char16_t>(view.u16(2 * i));
+    LeView(bytes.data(), bytes.size()).u16s(0, kUpcaseEntries, m_upcase.data());
     m_upcaseFromDisk = true;
 }
 
