@@ -79,6 +79,31 @@ TEST(RunList, RejectsMalformedListsKeepingTheRunsBeforeTheFault) {
     EXPECT_EQ(error, "run list overflows the VCN range");
 }
 
+// Every field of every structure, $UpCase included, goes through these
+// reads: a byte order mistake would only show as names that no longer fold
+// case the way Windows does, since both sides of a comparison go wrong alike.
+TEST(LittleEndianView, ReadsLowByteFirstAndRefusesWhatDoesNotFit) {
+    const std::vector<std::uint8_t> bytes = {0x01, 0x02, 0x03, 0x04, 0x05,
+                                             0x06, 0x07, 0x88, 0x41, 0x00};
+    const LeView view(bytes.data(), bytes.size());
+    EXPECT_EQ(view.u16(0), 0x0201);
+    EXPECT_EQ(view.u32(1), 0x05040302u);
+    EXPECT_EQ(view.u64(0), 0x8807060504030201ull);
+    EXPECT_EQ(view.s8(7), -120);
+    char16_t units[5] = {u'x', u'x', u'x', u'x', u'x'};
+    ASSERT_TRUE(view.u16s(6, 2, units));
+    EXPECT_EQ(units[0], 0x8807);
+    EXPECT_EQ(units[1], u'A');
+    EXPECT_TRUE(view.ok());
+    // One unit too many: nothing is written and the view says it overran.
+    EXPECT_FALSE(view.u16s(2, 5, units));
+    EXPECT_EQ(units[2], u'x');
+    EXPECT_FALSE(view.ok());
+    const LeView tail(bytes.data(), bytes.size());
+    EXPECT_EQ(tail.u32(8), 0u);
+    EXPECT_FALSE(tail.ok());
+}
+
 TEST(Fixups, RestoreTheSavedBytesAndDetectTornWrites) {
     std::vector<std::uint8_t> block(1024, 0);
     std::memcpy(block.data(), "FILE", 4);
