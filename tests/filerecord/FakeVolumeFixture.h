@@ -4,7 +4,7 @@
 // cluster on the disk is 256).
 #pragma once
 
-#include "RecordBuilder.h"
+#include "support/RecordBytes.h"
 
 #include "support/FakePlatform.h"
 

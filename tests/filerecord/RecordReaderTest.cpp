@@ -2,7 +2,7 @@
 // free records, both time sets, every name and stream, the fix-up check,
 // damage, and the ids of attributes merged from an extension record. (Whole
 // volumes are compared with fls in tests/tool/TimelineTest.cpp.)
-#include "RecordBuilder.h"
+#include "support/RecordBytes.h"
 
 #include <libKestrow/RecordReader.h>
 

@@ -3,6 +3,7 @@
 #pragma once
 
 #include "support/FakePlatform.h"
+#include "support/RecordBytes.h"
 
 #include <cstdint>
 #include <optional>

@@ -1,6 +1,6 @@
-// Hand-built FILE records and INDX blocks for the parser tests: the cases a
-// real volume cannot be made to show (short-name orders, self-referencing
-// attribute lists, bad run lists, lengths that run off the record).
+// Hand-built FILE records and INDX blocks: the cases a real volume cannot be
+// made to show (short-name orders, self-referencing attribute lists, bad run
+// lists, lengths that run off the record), and the records of a scripted MFT.
 #pragma once
 
 #include <cstdint>
