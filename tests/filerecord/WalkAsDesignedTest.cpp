@@ -267,12 +267,7 @@ TEST_P(WalkAsDesigned, EveryInUseRecordAndPathOfTheImage) {
 }
 
 INSTANTIATE_TEST_SUITE_P(AllImages, WalkAsDesigned, ::testing::ValuesIn(allImages()),
-                         [](const ::testing::TestParamInfo<ImageFacts>& info) {
-                             std::string name(info.param.fileName);
-                             name = name.substr(0, name.find('.'));
-                             std::erase(name, '-');
-                             return name;
-                         });
+                         ImageTestName());
 
 TEST(WalkAsDesignedOnWindowsDisk, EveryInUseRecordAndPathOfBothVolumes) {
     const std::optional<std::filesystem::path> image = fieldDisk();

@@ -200,13 +200,6 @@ protected:
     std::unique_ptr<OpenedImage> m_opened;
 };
 
-std::string imageName(const ::testing::TestParamInfo<FixtureImage>& info) {
-    std::string name(kestrow::test::factsOf(info.param).fileName);
-    name = name.substr(0, name.find('.'));
-    name.erase(std::remove(name.begin(), name.end(), '-'), name.end());
-    return name;
-}
-
 } // namespace
 
 TEST_P(MftOnImage, RunsAndRecordCountFollowTheToolsRunList) {
@@ -398,7 +391,7 @@ INSTANTIATE_TEST_SUITE_P(Fixtures, MftOnImage,
                                            FixtureImage::GptDisk, FixtureImage::Sector4k,
                                            FixtureImage::Cluster512, FixtureImage::Cluster64k,
                                            FixtureImage::LegacyMbrDisk, FixtureImage::Rich),
-                         imageName);
+                         kestrow::test::ImageTestName());
 
 // ---- Cluster owners of ordinary files --------------------------------------------------
 

@@ -147,25 +147,17 @@ TEST_P(ImageWithIndexedDir, DirectoryNeedsSeveralIndexBlocks) {
     EXPECT_NE(findEntry(entries, prefix + indexedEntryName(kIndexedDirEntries - 1)), nullptr);
 }
 
-std::string imageName(const ::testing::TestParamInfo<ImageFacts>& info) {
-    std::string name(info.param.fileName);
-    name.erase(std::remove_if(name.begin(), name.end(),
-                              [](char c) { return !std::isalnum(static_cast<unsigned char>(c)); }),
-               name.end());
-    return name;
-}
-
-INSTANTIATE_TEST_SUITE_P(Fixtures, EveryImage, ::testing::ValuesIn(allImages()), imageName);
+INSTANTIATE_TEST_SUITE_P(Fixtures, EveryImage, ::testing::ValuesIn(allImages()), ImageTestName());
 INSTANTIATE_TEST_SUITE_P(Fixtures, ImageWithSmallTree,
                          ::testing::ValuesIn(imagesWhere([](const ImageFacts& facts) {
                              return facts.hasSmallTree;
                          })),
-                         imageName);
+                         ImageTestName());
 INSTANTIATE_TEST_SUITE_P(Fixtures, ImageWithIndexedDir,
                          ::testing::ValuesIn(imagesWhere([](const ImageFacts& facts) {
                              return facts.hasIndexedDir;
                          })),
-                         imageName);
+                         ImageTestName());
 
 // ---- Whole disks ---------------------------------------------------------------------
 

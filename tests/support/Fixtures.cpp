@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <array>
 #include <atomic>
+#include <cctype>
 #include <cstdio>
 #include <cstdlib>
 #include <fstream>
@@ -128,6 +129,12 @@ void copySparse(const std::filesystem::path& from, const std::filesystem::path& 
 
 void PrintTo(const ImageFacts& facts, std::ostream* out) {
     *out << facts.fileName;
+}
+
+std::string testName(const ImageFacts& facts) {
+    std::string name(facts.fileName.substr(0, facts.fileName.find('.')));
+    std::erase_if(name, [](char c) { return !std::isalnum(static_cast<unsigned char>(c)); });
+    return name;
 }
 
 std::span<const ImageFacts> allImages() {

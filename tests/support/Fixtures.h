@@ -140,6 +140,18 @@ void PrintTo(const ImageFacts& facts, std::ostream* out);
 // Every image in the order above.
 std::span<const ImageFacts> allImages();
 const ImageFacts& factsOf(FixtureImage image);
+// An image's name in test names: its file name without the extension, letters
+// and digits only ("diskmbr"). ImageTestName gives it to
+// INSTANTIATE_TEST_SUITE_P over images or their facts.
+std::string testName(const ImageFacts& facts);
+inline std::string testName(FixtureImage image) {
+    return testName(factsOf(image));
+}
+struct ImageTestName {
+    template <class Info> std::string operator()(const Info& info) const {
+        return testName(info.param);
+    }
+};
 
 // The directory the images are built into: $KESTROW_FIXTURE_DIR when set in
 // the environment, else the build tree's fixtures directory.

@@ -237,18 +237,12 @@ TEST_P(VolumeOnImage, SectorReadsAndDumpsShowTheImagesBytes) {
     EXPECT_EQ(utf8(errorText), "untouched");
 }
 
-std::string imageName(const ::testing::TestParamInfo<FixtureImage>& info) {
-    std::string name(fs::path(factsOf(info.param).fileName).stem().string());
-    std::erase_if(name, [](char ch) { return !std::isalnum(static_cast<unsigned char>(ch)); });
-    return name;
-}
-
 INSTANTIATE_TEST_SUITE_P(Fixtures, VolumeOnImage,
                          ::testing::Values(FixtureImage::Bare, FixtureImage::MbrDisk,
                                            FixtureImage::GptDisk, FixtureImage::Sector4k,
                                            FixtureImage::Cluster512, FixtureImage::Cluster64k,
                                            FixtureImage::LegacyMbrDisk, FixtureImage::Rich),
-                         imageName);
+                         ImageTestName());
 
 // ---- The other volumes of the partitioned disk --------------------------------------
 
