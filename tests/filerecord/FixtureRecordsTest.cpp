@@ -2,6 +2,7 @@
 // (without fix-ups) and after the fix-ups, compared with The Sleuth Kit.
 #include "support/Fixtures.h"
 #include "support/Oracle.h"
+#include "support/WalkAsDesigned.h"
 
 #include <kestrow/Disks.h>
 #include <kestrow/Platform.h>
@@ -77,21 +78,6 @@ struct Facts {
     }
 };
 
-// Spans [start, end) of the attributes of a (fixed) record.
-std::vector<std::pair<std::size_t, std::size_t>> attributeSpans(const Bytes& record) {
-    std::vector<std::pair<std::size_t, std::size_t>> spans;
-    std::size_t at = le(&record[0x14], 2);
-    const std::size_t inUse = std::min<std::size_t>(le(&record[0x18], 4), record.size());
-    while (at + 8 <= inUse && le(&record[at], 4) != 0xFFFFFFFF) {
-        const std::size_t length = le(&record[at + 4], 4);
-        if (length == 0 || at + length > record.size())
-            break;
-        spans.emplace_back(at, at + length);
-        at += length;
-    }
-    return spans;
-}
-
 // Days from 1601-01-01 (proleptic Gregorian) to the date.
 std::int64_t daysFrom1601(int y, unsigned m, unsigned d) {
     y -= m <= 2;
@@ -158,30 +144,6 @@ std::string sortedFlags(const std::string& istatFlags) {
     for (const std::string& n : names)
         joined += (joined.empty() ? "" : ", ") + n;
     return joined;
-}
-
-bool isShortForm(const std::string& utf8Name) {
-    const std::u16string name = utf8ToUtf16(utf8Name);
-    std::vector<orv::Char16> units(name.begin(), name.end());
-    // The rule, restated from the names istat shows: <= 12, <= 2 dot-separated
-    // non-empty pieces of <= 8 and <= 3, no lower case.
-    if (units.size() > 12)
-        return false;
-    std::vector<std::size_t> pieces;
-    std::size_t current = 0;
-    for (std::size_t i = 0; i <= units.size(); ++i) {
-        if (i == units.size() || units[i] == u'.') {
-            if (current)
-                pieces.push_back(current);
-            current = 0;
-        } else {
-            if (orv::String::upperCase(units[i]) != units[i])
-                return false;
-            ++current;
-        }
-    }
-    return pieces.size() <= 2 && (pieces.empty() || pieces[0] <= 8) &&
-           (pieces.size() < 2 || pieces[1] <= 3);
 }
 
 // ---- One image, attached -------------------------------------------------------------
@@ -289,8 +251,9 @@ TEST_P(FixtureRecords, EverySlotParsesAndRawDiffersOnlyAtFixupPositions) {
         bool explained = false;
         for (std::size_t position : fixupPositions(raw)) {
             bool insideAttribute = false;
-            for (const auto& [start, end] : attributeSpans(*fixed))
-                insideAttribute |= position >= start && position < end;
+            for (const RawAttribute& attribute : rawAttributes(*fixed))
+                insideAttribute |=
+                    position >= attribute.offset && position < attribute.offset + attribute.length;
             if (!insideAttribute)
                 continue;
             Bytes partly = *fixed;
@@ -364,7 +327,7 @@ void compareWithIstat(ImageUnderTest& image, std::uint64_t index, const FileReco
         last = &n;
         if (chosen != nullptr && longTaken)
             continue;
-        if (!(chosen == nullptr && isShortForm(n.name)))
+        if (!(chosen == nullptr && designed::isShort(utf8ToUtf16(n.name))))
             longTaken = true;
         chosen = &n;
     }
@@ -536,12 +499,7 @@ INSTANTIATE_TEST_SUITE_P(AllImages, FixtureRecords,
                                            FixtureImage::GptDisk, FixtureImage::Sector4k,
                                            FixtureImage::Cluster512, FixtureImage::Cluster64k,
                                            FixtureImage::Rich),
-                         [](const ::testing::TestParamInfo<FixtureImage>& info) {
-                             std::string name = imageName(factsOf(info.param));
-                             name = name.substr(0, name.find('.'));
-                             name.erase(std::remove(name.begin(), name.end(), '-'), name.end());
-                             return name;
-                         });
+                         ImageTestName());
 
 } // namespace
 } // namespace kestrow::test

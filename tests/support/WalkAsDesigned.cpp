@@ -93,28 +93,6 @@ std::u16string attributeName(const Bytes& r, std::uint64_t at) {
     return r.units(at + offset, length);
 }
 
-bool isShort(const std::u16string& name) {
-    if (name.size() > 12)
-        return false;
-    std::vector<std::size_t> parts;
-    std::size_t current = 0;
-    for (std::size_t i = 0; i <= name.size(); ++i) {
-        if (i == name.size() || name[i] == u'.') {
-            if (current != 0)
-                parts.push_back(current);
-            current = 0;
-        } else {
-            ++current;
-        }
-    }
-    if (parts.size() > 2 || (!parts.empty() && parts[0] > 8) || (parts.size() == 2 && parts[1] > 3))
-        return false;
-    for (char16_t unit : name)
-        if (orv::String::upperCase(unit) != unit)
-            return false;
-    return true;
-}
-
 void addOnce(std::vector<std::uint64_t>& list, std::uint64_t value) {
     if (std::find(list.begin(), list.end(), value) == list.end())
         list.push_back(value);
@@ -259,6 +237,28 @@ void nonResident(Record& record, const Bytes& r, std::uint64_t at, const Geometr
 }
 
 } // namespace
+
+bool isShort(const std::u16string& name) {
+    if (name.size() > 12)
+        return false;
+    std::vector<std::size_t> parts;
+    std::size_t current = 0;
+    for (std::size_t i = 0; i <= name.size(); ++i) {
+        if (i == name.size() || name[i] == u'.') {
+            if (current != 0)
+                parts.push_back(current);
+            current = 0;
+        } else {
+            ++current;
+        }
+    }
+    if (parts.size() > 2 || (!parts.empty() && parts[0] > 8) || (parts.size() == 2 && parts[1] > 3))
+        return false;
+    for (char16_t unit : name)
+        if (orv::String::upperCase(unit) != unit)
+            return false;
+    return true;
+}
 
 std::vector<Range> decodeRuns(std::span<const std::uint8_t> runBytes, std::uint64_t maxClusters) {
     std::vector<Range> runs;

@@ -76,4 +76,8 @@ void addIndexBlockEntries(Record& record, const Geometry& geometry, const Sector
 // run-list decoding: the non-sparse runs before the end marker or the first fault.
 std::vector<Range> decodeRuns(std::span<const std::uint8_t> runBytes, std::uint64_t maxClusters);
 
+// Whether a name has the 8.3 form: at most 12 units, at most two non-empty
+// dot-separated pieces of at most 8 and 3, no lower case.
+bool isShort(const std::u16string& name);
+
 } // namespace kestrow::test::designed
