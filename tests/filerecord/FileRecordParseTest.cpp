@@ -284,21 +284,6 @@ TEST_F(ResidentAttributeTest, UnnamedDataSetsTheDataSizeNamedDoesNot) {
     EXPECT_THAT(attributeNames(record), ElementsAre("$DATA/r", "$DATA/r"));
 }
 
-Bytes attributeListEntry(std::uint64_t holder, std::uint16_t length = 0x20) {
-    Bytes e(length, 0);
-    putLe(e, 0x00, 0x80, 4);
-    putLe(e, 0x04, length, 2);
-    putLe(e, 0x10, holder, 8);
-    return e;
-}
-
-Bytes concat(std::initializer_list<Bytes> parts) {
-    Bytes out;
-    for (const Bytes& p : parts)
-        out.insert(out.end(), p.begin(), p.end());
-    return out;
-}
-
 TEST_F(ResidentAttributeTest, AttributeListNamesOtherRecordsOnceAndNeverItself) {
     const Bytes list =
         concat({attributeListEntry(reference(OWN_INDEX, 3)), attributeListEntry(reference(77, 1)),

@@ -7,25 +7,8 @@
 
 #include <gmock/gmock.h>
 
-#include <initializer_list>
-
 namespace kestrow::test {
 namespace {
-
-Bytes concat(std::initializer_list<Bytes> parts) {
-    Bytes out;
-    for (const Bytes& p : parts)
-        out.insert(out.end(), p.begin(), p.end());
-    return out;
-}
-
-Bytes attributeListEntry(std::uint64_t holder) {
-    Bytes e(0x20, 0);
-    putLe(e, 0x00, 0x80, 4);
-    putLe(e, 0x04, 0x20, 2);
-    putLe(e, 0x10, holder, 8);
-    return e;
-}
 
 FileNameValue named(const std::u16string& name, std::uint32_t flags = 0x20) {
     FileNameValue v;

@@ -17,11 +17,8 @@ std::vector<std::uint8_t> buildRecord(std::uint32_t recordSize, const RecordSpec
     }
     if (!spec.extensionRecords.empty()) {
         Bytes list;
-        for (std::size_t i = 0; i < spec.extensionRecords.size(); ++i) {
-            putLe(list, i * 0x20, 0x80, 4);
-            putLe(list, i * 0x20 + 0x04, 0x20, 2);
-            putLe(list, i * 0x20 + 0x10, spec.extensionRecords[i], 8);
-        }
+        for (std::uint64_t holder : spec.extensionRecords)
+            list = concat({list, attributeListEntry(holder)});
         attributes.push_back(residentAttribute(0x20, list));
     }
     if (spec.residentDataLength) {

@@ -5,6 +5,7 @@
 
 #include <cstdint>
 #include <cstring>
+#include <initializer_list>
 #include <string>
 #include <vector>
 
@@ -95,6 +96,22 @@ inline Bytes nonResidentAttribute(std::uint32_t type, const Bytes& runs, std::ui
     a.resize((a.size() + 7) & ~std::size_t(7), 0);
     putLe(a, 0x04, a.size(), 4);
     return a;
+}
+
+inline Bytes concat(std::initializer_list<Bytes> parts) {
+    Bytes out;
+    for (const Bytes& p : parts)
+        out.insert(out.end(), p.begin(), p.end());
+    return out;
+}
+
+// An $ATTRIBUTE_LIST entry: unnamed $DATA held in record `holder`.
+inline Bytes attributeListEntry(std::uint64_t holder, std::uint16_t length = 0x20) {
+    Bytes e(length, 0);
+    putLe(e, 0x00, 0x80, 4);
+    putLe(e, 0x04, length, 2);
+    putLe(e, 0x10, holder, 8);
+    return e;
 }
 
 // One index entry naming `child`, `length` bytes long (82 and more carry a
