@@ -3,6 +3,7 @@
 // hand-built volume of MiniNtfs.h written to a temporary file.
 #include "MiniNtfs.h"
 #include "support/FakePlatform.h"
+#include "support/Win32Calls.h"
 
 #include <kestrow/Disks.h>
 #include <kestrow/Platform.h>
@@ -21,7 +22,10 @@ namespace {
 namespace platform = kestrow::platform;
 using kestrow::test::mini::MiniVolumeImage;
 
+using kestrow::test::Handle;
 using kestrow::test::narrow;
+using kestrow::test::RetrievalPointer;
+using kestrow::test::retrievalPointers;
 using kestrow::test::widen;
 
 class AttachedImage : public testing::Test {
@@ -100,20 +104,12 @@ TEST_F(AttachedImage, FilesResolveReadAndMapTheirRuns) {
     EXPECT_EQ(std::string(text, got), "hi there");
     platform::CloseHandle(hello);
 
-    HANDLE deep = open("C:\\Sub\\deep.bin", 0);
-    ASSERT_NE(deep, INVALID_HANDLE_VALUE);
-    STARTING_VCN_INPUT_BUFFER input{};
-    std::uint8_t out[16 + 3 * 16] = {};
-    DWORD returned = 0;
-    ASSERT_TRUE(platform::DeviceIoControl(deep, FSCTL_GET_RETRIEVAL_POINTERS, &input, sizeof input,
-                                          out, sizeof out, &returned, nullptr));
-    EXPECT_EQ(returned, sizeof out);
-    LONGLONG pairs[6];
-    std::memcpy(pairs, out + 16, sizeof pairs);
-    const LONGLONG expected[6] = {3, 150, 5, -1, 6, 160};
-    for (int i = 0; i < 6; ++i)
-        EXPECT_EQ(pairs[i], expected[i]) << i;
-    platform::CloseHandle(deep);
+    const Handle deep("C:\\Sub\\deep.bin", 0);
+    ASSERT_TRUE(deep.valid());
+    DWORD error = 0;
+    EXPECT_EQ(retrievalPointers(deep.get(), error),
+              (std::vector<RetrievalPointer>{{3, 150}, {5, -1}, {6, 160}}));
+    EXPECT_EQ(error, 0u);
 }
 
 TEST_F(AttachedImage, CompressedStreamsAreMappedButNotReadAsPlainBytes) {
@@ -124,17 +120,11 @@ TEST_F(AttachedImage, CompressedStreamsAreMappedButNotReadAsPlainBytes) {
     EXPECT_FALSE(platform::ReadFile(packed, buffer, sizeof buffer, &got, nullptr));
     EXPECT_EQ(platform::GetLastError(), static_cast<DWORD>(ERROR_NOT_SUPPORTED));
     EXPECT_EQ(got, 0u);
-    STARTING_VCN_INPUT_BUFFER input{};
-    std::uint8_t out[16 + 2 * 16] = {};
-    DWORD returned = 0;
-    ASSERT_TRUE(platform::DeviceIoControl(packed, FSCTL_GET_RETRIEVAL_POINTERS, &input,
-                                          sizeof input, out, sizeof out, &returned, nullptr));
-    LONGLONG pairs[4];
-    std::memcpy(pairs, out + 16, sizeof pairs);
-    EXPECT_EQ(pairs[0], 4);
-    EXPECT_EQ(pairs[1], 170);
-    EXPECT_EQ(pairs[2], 16);
-    EXPECT_EQ(pairs[3], -1); // the rest of the compression unit is not stored
+    DWORD error = 0;
+    // The rest of the compression unit is not stored.
+    EXPECT_EQ(retrievalPointers(packed, error),
+              (std::vector<RetrievalPointer>{{4, 170}, {16, -1}}));
+    EXPECT_EQ(error, 0u);
     platform::CloseHandle(packed);
 }
 

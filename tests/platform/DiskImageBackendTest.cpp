@@ -4,6 +4,7 @@
 #include "support/FakePlatform.h"
 #include "support/Fixtures.h"
 #include "support/Oracle.h"
+#include "support/Win32Calls.h"
 
 #include <kestrow/Disks.h>
 #include <kestrow/Platform.h>
@@ -23,82 +24,12 @@ using kestrow::test::AttachedDisks;
 using kestrow::test::FixtureImage;
 using kestrow::test::ImageFacts;
 
+using kestrow::test::clustersOf;
+using kestrow::test::Handle;
 using kestrow::test::narrow;
+using kestrow::test::RetrievalPointer;
+using kestrow::test::retrievalPointers;
 using kestrow::test::widen;
-
-class Handle {
-public:
-    explicit Handle(std::string_view path, DWORD access = GENERIC_READ | GENERIC_WRITE,
-                    DWORD flags = 0)
-        : m_handle(platform::CreateFileW(widen(std::string(path)).c_str(), access,
-                                         FILE_SHARE_READ | FILE_SHARE_WRITE, nullptr, OPEN_EXISTING,
-                                         flags, nullptr)),
-          m_error(platform::GetLastError()) {}
-    ~Handle() {
-        if (valid())
-            platform::CloseHandle(m_handle);
-    }
-    Handle(const Handle&) = delete;
-    Handle& operator=(const Handle&) = delete;
-    bool valid() const { return m_handle != INVALID_HANDLE_VALUE; }
-    HANDLE get() const { return m_handle; }
-    DWORD error() const { return m_error; }
-
-private:
-    HANDLE m_handle;
-    DWORD m_error;
-};
-
-struct Pointer {
-    std::int64_t nextVcn;
-    std::int64_t lcn;
-};
-
-// FSCTL_GET_RETRIEVAL_POINTERS from VCN 0, growing the buffer until all fit.
-std::vector<Pointer> retrievalPointers(HANDLE file, DWORD& error) {
-    STARTING_VCN_INPUT_BUFFER input{};
-    std::vector<std::uint8_t> out(sizeof(RETRIEVAL_POINTERS_BUFFER));
-    std::vector<Pointer> runs;
-    error = 0;
-    for (int attempt = 0; attempt < 20; ++attempt) {
-        DWORD returned = 0;
-        const BOOL ok = platform::DeviceIoControl(
-            file, FSCTL_GET_RETRIEVAL_POINTERS, &input, sizeof input, out.data(),
-            static_cast<DWORD>(out.size()), &returned, nullptr);
-        if (!ok && platform::GetLastError() == ERROR_MORE_DATA) {
-            out.resize(out.size() * 2);
-            continue;
-        }
-        if (!ok) {
-            error = platform::GetLastError();
-            return runs;
-        }
-        RETRIEVAL_POINTERS_BUFFER header;
-        std::memcpy(&header, out.data(), sizeof header);
-        EXPECT_EQ(header.StartingVcn.QuadPart, 0);
-        EXPECT_EQ(returned, 16u + 16u * header.ExtentCount);
-        for (DWORD i = 0; i < header.ExtentCount; ++i) {
-            std::int64_t pair[2];
-            std::memcpy(pair, out.data() + 16 + 16 * i, sizeof pair);
-            runs.push_back({pair[0], pair[1]});
-        }
-        return runs;
-    }
-    ADD_FAILURE() << "retrieval pointers never fit";
-    return runs;
-}
-
-// One entry per cluster of the runs: its LCN, or -1 where nothing is stored.
-std::vector<std::int64_t> clustersOf(const std::vector<Pointer>& runs) {
-    std::vector<std::int64_t> clusters;
-    std::int64_t vcn = 0;
-    for (const Pointer& run : runs) {
-        for (std::int64_t i = 0; vcn + i < run.nextVcn; ++i)
-            clusters.push_back(run.lcn == -1 ? -1 : run.lcn + i);
-        vcn = run.nextVcn;
-    }
-    return clusters;
-}
 
 std::vector<std::uint8_t> volumeBitmap(HANDLE volume, std::uint64_t& clusters) {
     STARTING_LCN_INPUT_BUFFER input{};
@@ -131,14 +62,7 @@ protected:
 };
 
 INSTANTIATE_TEST_SUITE_P(Fixtures, EveryImage, testing::ValuesIn(kestrow::test::allImages()),
-                         [](const auto& info) {
-                             std::string name(info.param.fileName);
-                             name = name.substr(0, name.find('.'));
-                             for (char& c : name)
-                                 if (c == '-')
-                                     c = '_';
-                             return name;
-                         });
+                         kestrow::test::ImageTestName());
 
 TEST_P(EveryImage, VolumeIsFoundWhereThePartitionTableSaysAndGetsLetterC) {
     const auto disks = platform::attachedDisks();
@@ -257,7 +181,7 @@ TEST_P(EveryImage, MftRunsAgreeWithIstatAndNtfsinfo) {
     Handle mft("\\\\.\\C:\\$MFT", 0, FILE_FLAG_OVERLAPPED | FILE_FLAG_NO_BUFFERING);
     ASSERT_TRUE(mft.valid()) << mft.error();
     DWORD error = 0;
-    const std::vector<Pointer> runs = retrievalPointers(mft.get(), error);
+    const std::vector<RetrievalPointer> runs = retrievalPointers(mft.get(), error);
     ASSERT_EQ(error, 0u);
     const std::vector<std::int64_t> clusters = clustersOf(runs);
 
@@ -275,7 +199,7 @@ TEST_P(EveryImage, MftRunsAgreeWithIstatAndNtfsinfo) {
         const auto dataRuns = std::find_if(record.runLists.begin(), record.runLists.end(),
                                            [](const auto& list) { return list.first == "$DATA"; });
         ASSERT_NE(dataRuns, record.runLists.end());
-        std::vector<Pointer> expected;
+        std::vector<RetrievalPointer> expected;
         for (const oracle::NtfsinfoRun& run : dataRuns->second)
             expected.push_back({static_cast<std::int64_t>(run.vcn + run.length),
                                 run.lcn ? static_cast<std::int64_t>(*run.lcn) : -1});

@@ -4,6 +4,7 @@
 #include "support/FakePlatform.h"
 #include "support/Fixtures.h"
 #include "support/Oracle.h"
+#include "support/Win32Calls.h"
 
 #include <kestrow/Disks.h>
 #include <kestrow/Platform.h>
@@ -50,41 +51,13 @@ protected:
                                      flags, nullptr);
     }
 
-    // (NextVcn, Lcn) pairs expanded to one LCN per cluster, -1 for none.
+    // One LCN per cluster of the file, -1 for none.
     static std::vector<std::int64_t> clustersOfFile(std::string_view path, DWORD& error) {
-        std::vector<std::int64_t> clusters;
-        HANDLE file = openFile(path);
-        if (file == INVALID_HANDLE_VALUE) {
-            error = platform::GetLastError();
-            return clusters;
-        }
-        STARTING_VCN_INPUT_BUFFER input{};
-        std::vector<std::uint8_t> out(sizeof(RETRIEVAL_POINTERS_BUFFER));
-        DWORD returned = 0;
-        error = 0;
-        while (!platform::DeviceIoControl(file, FSCTL_GET_RETRIEVAL_POINTERS, &input, sizeof input,
-                                          out.data(), static_cast<DWORD>(out.size()), &returned,
-                                          nullptr)) {
-            if (platform::GetLastError() != ERROR_MORE_DATA) {
-                error = platform::GetLastError();
-                platform::CloseHandle(file);
-                return clusters;
-            }
-            EXPECT_EQ(returned, out.size() - out.size() % 16);
-            out.resize(out.size() * 2);
-        }
-        platform::CloseHandle(file);
-        DWORD count = 0;
-        std::memcpy(&count, out.data(), sizeof count);
-        std::int64_t vcn = 0;
-        for (DWORD i = 0; i < count; ++i) {
-            std::int64_t pair[2];
-            std::memcpy(pair, out.data() + 16 + 16 * i, sizeof pair);
-            const std::int64_t runStart = vcn;
-            for (; vcn < pair[0]; ++vcn)
-                clusters.push_back(pair[1] == -1 ? -1 : pair[1] + (vcn - runStart));
-        }
-        return clusters;
+        const kestrow::test::Handle file(path, 0);
+        error = file.error();
+        return file.valid()
+                   ? kestrow::test::clustersOf(kestrow::test::retrievalPointers(file.get(), error))
+                   : std::vector<std::int64_t>{};
     }
 };
 

@@ -198,14 +198,6 @@ std::size_t FakePlatform::openHandles() const {
     return m_handles.size();
 }
 
-std::vector<std::string> FakePlatform::openHandlePaths() const {
-    std::lock_guard lock(m_mutex);
-    std::vector<std::string> paths;
-    for (const auto& [value, handle] : m_handles)
-        paths.push_back(handle.path);
-    return paths;
-}
-
 std::vector<std::pair<std::uint64_t, std::uint32_t>> FakePlatform::reads() const {
     std::lock_guard lock(m_mutex);
     return m_reads;

@@ -165,9 +165,8 @@ public:
     std::size_t createFileCount() const { return callCount("CreateFileW"); }
     std::size_t closeHandleCount() const { return callCount("CloseHandle"); }
     std::size_t readCount() const { return callCount("ReadFile"); }
-    // Handles opened and not yet closed, and the paths they were opened on.
+    // Handles opened and not yet closed.
     std::size_t openHandles() const;
-    std::vector<std::string> openHandlePaths() const;
     // The (offset, size) of every ReadFile in order, on device handles.
     std::vector<std::pair<std::uint64_t, std::uint32_t>> reads() const;
     void clearLog();
