@@ -25,10 +25,27 @@ protected:
         return {buffer.data(), buffer.data() + buffer.size()};
     }
 
+    // Volume C:'s readBytesFromSector on disk 0 into a zeroed buffer of
+    // `bufferSize` bytes, with the log and the fake's calls cleared first;
+    // `lastError` keeps the error the read left.
+    bool readDrive(std::uint64_t sector, std::uint32_t count, std::size_t bufferSize) {
+        Volume volume('C');
+        VolumeHandle drive = openDevice("\\\\.\\PhysicalDrive0");
+        buffer.resize(bufferSize, true);
+        log.clear();
+        fake.clearLog();
+        const bool read = volume.readBytesFromSector(drive, sector, count, buffer);
+        lastError = platform::GetLastError(); // before the handles close
+        return read;
+    }
+
     static std::string dumpText(const std::vector<std::uint8_t>& bytes) {
         return utf8(orv::HexDumpFormat(bytes.data(), static_cast<unsigned int>(bytes.size()), 3, 0)
                         .toString());
     }
+
+    orv::Buffer<unsigned char> buffer;
+    DWORD lastError = 0;
 };
 
 // ---- readBytesFromSector -------------------------------------------------------------
@@ -36,13 +53,7 @@ protected:
 using ReadBytesFromSector = SectorIo;
 
 TEST_F(ReadBytesFromSector, ReadsAtTheVolumesSectorSize) {
-    Volume volume('C');
-    VolumeHandle drive = openDevice("\\\\.\\PhysicalDrive0");
-    orv::Buffer<unsigned char> buffer;
-    buffer.resize(1024, true);
-    log.clear();
-
-    ASSERT_TRUE(volume.readBytesFromSector(drive, 0x800, 1024, buffer));
+    ASSERT_TRUE(readDrive(0x800, 1024, 1024));
     EXPECT_EQ(contents(buffer), diskBytes(0x800 * 512, 1024));
     EXPECT_EQ(buffer.size(), 1024u) << "the buffer is not resized";
     EXPECT_TRUE(volumeLines().empty());
@@ -75,14 +86,8 @@ TEST_F(ReadBytesFromSector, InvalidHandleIsRefusedWithAMessage) {
 }
 
 TEST_F(ReadBytesFromSector, FailedSeekNamesTheOffsetAndTheReason) {
-    Volume volume('C');
-    VolumeHandle drive = openDevice("\\\\.\\PhysicalDrive0");
-    orv::Buffer<unsigned char> buffer;
-    buffer.resize(512, true);
     fake.failSeekAtOrAfter(0x100000, ERROR_INVALID_PARAMETER);
-    log.clear();
-
-    EXPECT_FALSE(volume.readBytesFromSector(drive, 0x800, 512, buffer));
+    EXPECT_FALSE(readDrive(0x800, 512, 512));
     EXPECT_EQ(volumeLines(), (std::vector<VolumeLine>{
                                  {1, "423 Failed to set file pointer at offset 1048576"},
                                  {1, "425 The parameter is incorrect.\r\n"},
@@ -91,43 +96,25 @@ TEST_F(ReadBytesFromSector, FailedSeekNamesTheOffsetAndTheReason) {
 }
 
 TEST_F(ReadBytesFromSector, HugeOffsetIsShownSigned) {
-    Volume volume('C');
-    VolumeHandle drive = openDevice("\\\\.\\PhysicalDrive0");
-    orv::Buffer<unsigned char> buffer;
-    buffer.resize(512, true);
-    log.clear();
-
     // (2^55 - 1) x 512 = 2^64 - 512: the 64-bit offset reads as -512.
-    EXPECT_FALSE(volume.readBytesFromSector(drive, (1ull << 55) - 1, 512, buffer));
+    EXPECT_FALSE(readDrive((1ull << 55) - 1, 512, 512));
     ASSERT_EQ(volumeLines().size(), 2u);
     EXPECT_EQ(volumeLines()[0].text, "423 Failed to set file pointer at offset -512");
     EXPECT_EQ(volumeLines()[1].text.substr(0, 4), "425 ");
 }
 
 TEST_F(ReadBytesFromSector, FailedReadNamesTheReason) {
-    Volume volume('C');
-    VolumeHandle drive = openDevice("\\\\.\\PhysicalDrive0");
-    orv::Buffer<unsigned char> buffer;
-    buffer.resize(1024, true);
     fake.failReadAtSector(0, 0x801, ERROR_CRC);
-    log.clear();
-
-    EXPECT_FALSE(volume.readBytesFromSector(drive, 0x800, 1024, buffer));
+    EXPECT_FALSE(readDrive(0x800, 1024, 1024));
     EXPECT_EQ(volumeLines(),
               (std::vector<VolumeLine>{
                   {1, "437 Failed to read file: Data error (cyclic redundancy check).\r\n"}}));
 }
 
 TEST_F(ReadBytesFromSector, CountBeyondTheBufferIsRefusedWithoutReading) {
-    Volume volume('C');
-    VolumeHandle drive = openDevice("\\\\.\\PhysicalDrive0");
-    orv::Buffer<unsigned char> buffer;
-    buffer.resize(512, true);
-    fake.clearLog();
-
-    EXPECT_FALSE(volume.readBytesFromSector(drive, 0, 1024, buffer));
+    EXPECT_FALSE(readDrive(0, 1024, 512));
     EXPECT_EQ(fake.readCount(), 0u);
-    EXPECT_EQ(platform::GetLastError(), static_cast<DWORD>(ERROR_INSUFFICIENT_BUFFER));
+    EXPECT_EQ(lastError, static_cast<DWORD>(ERROR_INSUFFICIENT_BUFFER));
 }
 
 TEST_F(ReadBytesFromSector, ReadsThroughTheVolumeDevice) {
