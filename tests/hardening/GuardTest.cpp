@@ -8,6 +8,8 @@
 #include "ImageMap.h"
 #include "ToolRun.h"
 
+#include "support/AttachedDisks.h"
+
 #include <libKestrow/FileRecord.h>
 #include <libKestrow/MasterFileTable.h>
 #include <libKestrow/Volume.h>
@@ -34,21 +36,8 @@ namespace platform = kestrow::platform;
 constexpr std::uint32_t kTypeData = 0x80;
 constexpr std::uint32_t kTypeIndexAllocation = 0xA0;
 
-// Attaches one image for the life of the object; detaches all at the end.
-class AttachedImage {
-public:
-    explicit AttachedImage(const std::filesystem::path& image) {
-        std::string error;
-        if (!platform::attachDisks({image.string()}, error))
-            throw std::runtime_error("cannot attach " + image.string() + ": " + error);
-    }
-    ~AttachedImage() {
-        std::string ignored;
-        platform::attachDisks({}, ignored);
-    }
-    AttachedImage(const AttachedImage&) = delete;
-    AttachedImage& operator=(const AttachedImage&) = delete;
-};
+// An attach that fails shows as an uninitialised volume or table.
+using AttachedImage = AttachedDisks;
 
 // Bytes this process has read through read(2) and pread(2) so far.
 std::uint64_t bytesReadSoFar() {
