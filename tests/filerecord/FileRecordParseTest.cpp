@@ -162,30 +162,26 @@ TEST_F(RecordHeaderTest, BytesInUseBeyondTheBufferStopsAtTheBufferEnd) {
 
 class FileNameTest : public FakeVolumeTest {};
 
-// The names of a record's $FILE_NAMEs in order, and the one it keeps: a short
-// (8.3) name gives way to the next name, a long one holds for good.
+// The name a record keeps of its $FILE_NAMEs: a short (8.3) name gives way to
+// the next name, a long one holds for good.
 TEST_F(FileNameTest, TheNameRule) {
-    const std::pair<std::vector<std::u16string>, std::u16string> cases[] = {
-        {{u"DOCUME~1", u"Documents", u"Third long name"}, u"Documents"},
-        {{u"Documents", u"DOCUME~1"}, u"Documents"},
-        {{u"README.TXT", u"OTHER.TXT", u"THIRD.TXT"}, u"OTHER.TXT"},
-        {{u"readme.txt", u"LATER"}, u"readme.txt"}, // lower case: long
-        {{u"A.B.C", u"LATER"}, u"A.B.C"},           // three pieces
-        {{u"ABCDEFGHI.TX", u"LATER"}, u"ABCDEFGHI.TX"},
-        {{u"ABCDEFGH.TXTX", u"LATER"}, u"ABCDEFGH.TXTX"},
-        {{u"ABCDEFGHIJKLM", u"LATER"}, u"ABCDEFGHIJKLM"},
-        {{u"README.TXT", u"LATER"}, u"LATER"},
-        {{u"ABCDEFGH.TXT", u"LATER"}, u"LATER"},
-        {{u".", u"LATER"}, u"LATER"},
-        {{u"A", u"LATER"}, u"LATER"},
-        {{u"\u65E5\u672C.txt"}, u"\u65E5\u672C.txt"}, // kept as UTF-16
-    };
-    for (const auto& [names, kept] : cases) {
+    auto kept = [&](const std::vector<std::u16string>& names) {
         RecordBuilder builder;
         for (const std::u16string& name : names)
             builder.add(fileNameAttribute(named(name)));
-        EXPECT_EQ(utf8(parse(builder.build()).name()), utf16ToUtf8(kept)) << utf16ToUtf8(names[0]);
-    }
+        return utf8(parse(builder.build()).name());
+    };
+    for (const std::u16string shortName :
+         {u"DOCUME~1", u"README.TXT", u"ABCDEFGH.TXT", u".", u"..", u".TXT", u"A", u"$MFT",
+          u"A..B" /* empty pieces do not count */, u"\u00C9T\u00C9.TXT" /* upper case */})
+        EXPECT_EQ(kept({shortName, u"LATER"}), "LATER") << utf16ToUtf8(shortName);
+    for (const std::u16string longName :
+         {u"readme.txt", u"Documents", u"A.B.C", u"ABCDEFGHI.TX", u"ABCDEFGH.TXTX", u"A.TXTX",
+          u"ABCDEFGHIJKLM", u"ABCDEFGHI", u"\u00E9T\u00C9.TXT", u"\u65E5\u672C.txt"})
+        EXPECT_EQ(kept({longName, u"LATER"}), utf16ToUtf8(longName)); // kept as UTF-16 too
+    EXPECT_EQ(kept({u"DOCUME~1", u"Documents", u"Third long name"}), "Documents");
+    EXPECT_EQ(kept({u"Documents", u"DOCUME~1"}), "Documents");
+    EXPECT_EQ(kept({u"README.TXT", u"OTHER.TXT", u"THIRD.TXT"}), "OTHER.TXT");
 }
 
 // Names are read where they lie in the record; at an odd address (a damaged
