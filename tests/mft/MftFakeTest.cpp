@@ -91,9 +91,11 @@ FakeMftGeometry oneRunGeometry(std::uint64_t clusters) {
     return g;
 }
 
-RecordSpec named(std::u16string name) {
+RecordSpec named(std::u16string name, std::uint64_t parent = 5, bool directory = false) {
     RecordSpec spec;
     spec.name = std::move(name);
+    spec.parent = parent;
+    spec.directory = directory;
     return spec;
 }
 
@@ -475,8 +477,7 @@ void writeExtensionScenario(FakeMftDrive& drive) {
     RecordSpec six;
     six.residentDataLength = 666;
     drive.writeRecord(6, six);
-    RecordSpec nine;
-    nine.name = u"nine";
+    RecordSpec nine = named(u"nine");
     nine.extensionRecords = {6};
     drive.writeRecord(9, nine);
     drive.fake().setAvailablePhysicalMemory(8192); // a 4-record buffer
@@ -733,12 +734,7 @@ namespace {
 
 void writeTree(FakeMftDrive& drive) {
     auto write = [&](std::uint64_t index, std::u16string name, std::uint64_t parent,
-                     bool directory) {
-        RecordSpec spec = named(std::move(name));
-        spec.parent = parent;
-        spec.directory = directory;
-        drive.writeRecord(index, spec);
-    };
+                     bool directory) { drive.writeRecord(index, named(name, parent, directory)); };
     write(5, u".", 5, true);
     write(30, u"Users", 5, true);
     write(31, u"a.txt", 30, false);
@@ -811,10 +807,7 @@ TEST(MftPaths, ParentLoopsEndTheWalk) {
 TEST(MftPaths, PathsDoNotDependOnTheOrderTheyAreAskedIn) {
     FakeMftDrive drive(oneRunGeometry(64));
     writeTree(drive);
-    RecordSpec second; // another child of 51, after the one that is 51's parent
-    second.name = u"z";
-    second.parent = 51;
-    drive.writeRecord(53, second);
+    drive.writeRecord(53, named(u"z", 51)); // another child of 51, after 51's parent
     OpenedTable opened(drive);
     MasterFileTable& table = opened.table();
     ASSERT_TRUE(table.buildRecordMap());
@@ -847,11 +840,7 @@ TEST(MftPaths, PathsDoNotDependOnTheOrderTheyAreAskedIn) {
 TEST(MftPaths, RememberedPathsGiveTheFreshWalksPath) {
     FakeMftDrive drive(oneRunGeometry(64)); // 256 slots
     auto write = [&](std::uint64_t index, std::u16string name, std::uint64_t parent) {
-        RecordSpec spec;
-        spec.name = std::move(name);
-        spec.parent = parent;
-        spec.directory = true;
-        drive.writeRecord(index, spec);
+        drive.writeRecord(index, named(name, parent, true));
     };
     write(5, u".", 5);
     write(30, u"A", 5);
@@ -896,26 +885,16 @@ TEST(MftPaths, RememberedPathsGiveTheFreshWalksPath) {
 
 TEST(MftPaths, DeepChainsAndDeepLoops) {
     FakeMftDrive drive(oneRunGeometry(64)); // 256 slots
-    RecordSpec root;
-    root.name = u".";
-    root.parent = 5;
-    root.directory = true;
-    drive.writeRecord(5, root);
+    drive.writeRecord(5, named(u".", 5, true));
     auto name = [](std::uint64_t index) { return std::string("d").append(std::to_string(index)); };
     // 20 <- 21 <- ... <- 119 under the root; 130 <- ... <- 229 <- 130 a loop.
     for (std::uint64_t index = 20; index < 230; ++index) {
         if (index >= 120 && index < 130)
             continue;
-        RecordSpec spec;
-        spec.name = kestrow::test::utf8ToUtf16(name(index));
-        spec.directory = true;
-        spec.parent = index == 20 ? 5 : index == 130 ? 229 : index - 1;
-        drive.writeRecord(index, spec);
+        const std::uint64_t parent = index == 20 ? 5 : index == 130 ? 229 : index - 1;
+        drive.writeRecord(index, named(kestrow::test::utf8ToUtf16(name(index)), parent, true));
     }
-    RecordSpec tail; // hangs off the loop without being part of it
-    tail.name = u"tail";
-    tail.parent = 229;
-    drive.writeRecord(240, tail);
+    drive.writeRecord(240, named(u"tail", 229)); // hangs off the loop, not part of it
     OpenedTable opened(drive);
     MasterFileTable& table = opened.table();
     ASSERT_TRUE(table.buildRecordMap());
@@ -984,12 +963,10 @@ TEST(MftPaths, LookupByPath) {
 
 TEST(MftClusterOwners, LastActiveRecordAndOwnerSearch) {
     FakeMftDrive drive(oneRunGeometry(64)); // 256 record slots
-    RecordSpec owner;
-    owner.name = u"owner";
+    RecordSpec owner = named(u"owner");
     owner.dataRun = RecordSpec::Run{50, 4};
     drive.writeRecord(20, owner);
-    RecordSpec resident;
-    resident.name = u"resident";
+    RecordSpec resident = named(u"resident");
     resident.residentDataLength = 5;
     drive.writeRecord(25, resident);
     drive.writeRecord(12, resident);
@@ -1027,8 +1004,7 @@ TEST(MftClusterOwners, LastActiveRecordAndOwnerSearch) {
 
 TEST(MftClusterOwners, NoActiveRecordWhenEverythingIsResident) {
     FakeMftDrive drive(oneRunGeometry(64));
-    RecordSpec resident;
-    resident.name = u"resident";
+    RecordSpec resident = named(u"resident");
     resident.residentDataLength = 5;
     drive.writeRecord(25, resident);
     OpenedTable opened(drive);
@@ -1040,8 +1016,7 @@ TEST(MftClusterOwners, ASingleSlotMftHasNoActiveRecord) {
     g.sectorsPerCluster = 1;
     g.mftRuns = {{100, 1}}; // (1 + 1) * 512 / 1024 = one slot, record 0
     FakeMftDrive drive(g);
-    RecordSpec mft;
-    mft.name = u"$MFT";
+    RecordSpec mft = named(u"$MFT");
     mft.dataRun = RecordSpec::Run{100, 1};
     drive.writeRecord(0, mft);
     OpenedTable opened(drive);
