@@ -95,6 +95,20 @@ NtfsVolume::mountWithMftRuns(std::shared_ptr<const ByteSource> volume, const Boo
     return ntfs;
 }
 
+namespace {
+
+// Whether the run holds the cluster. Written without vcn + length, which a
+// damaged run list can make wrap around.
+bool runHolds(const DataRun& run, std::uint64_t vcn) {
+    return run.vcn <= vcn && vcn - run.vcn < run.length;
+}
+
+bool runEndsBefore(const DataRun& run, std::uint64_t vcn) {
+    return run.vcn <= vcn && vcn - run.vcn >= run.length;
+}
+
+} // namespace
+
 DWORD NtfsVolume::readRuns(const std::vector<DataRun>& runs, std::uint64_t offset, void* buffer,
                            std::size_t length) const {
     auto* out = static_cast<std::uint8_t*>(buffer);
@@ -103,26 +117,33 @@ DWORD NtfsVolume::readRuns(const std::vector<DataRun>& runs, std::uint64_t offse
     while (done < length) {
         const std::uint64_t position = offset + done;
         const std::uint64_t vcn = position / m_clusterSize;
-        while (run != runs.end() && run->vcn + run->length <= vcn)
+        while (run != runs.end() && runEndsBefore(*run, vcn))
             ++run;
-        if (run == runs.end() || run->vcn > vcn) {
+        if (run == runs.end() || !runHolds(*run, vcn)) {
             // Runs restart from the beginning only when the caller skips
             // backwards, which readRuns never does within one call.
-            run = std::find_if(runs.begin(), runs.end(), [vcn](const DataRun& r) {
-                return r.vcn <= vcn && vcn - r.vcn < r.length;
-            });
+            run = std::find_if(runs.begin(), runs.end(),
+                               [vcn](const DataRun& r) { return runHolds(r, vcn); });
             if (run == runs.end())
                 return ERROR_FILE_CORRUPT;
         }
-        const std::uint64_t runEnd = (run->vcn + run->length) * m_clusterSize;
+        // At least the rest of this cluster is left in the run, so every
+        // step reads something: a step of 0 bytes would never end.
+        const std::uint64_t clustersLeft = run->length - (vcn - run->vcn);
+        const std::uint64_t intoCluster = position % m_clusterSize;
+        const std::uint64_t bytesLeft = clustersLeft > UINT64_MAX / m_clusterSize
+                                            ? UINT64_MAX
+                                            : clustersLeft * m_clusterSize - intoCluster;
         const std::size_t chunk =
-            static_cast<std::size_t>(std::min<std::uint64_t>(length - done, runEnd - position));
+            static_cast<std::size_t>(std::min<std::uint64_t>(length - done, bytesLeft));
         if (run->lcn < 0) {
             std::fill(out + done, out + done + chunk, std::uint8_t{0});
         } else {
-            const std::uint64_t diskOffset = static_cast<std::uint64_t>(run->lcn) * m_clusterSize +
-                                             (position - run->vcn * m_clusterSize);
-            const DWORD error = m_volume->readExactly(diskOffset, out + done, chunk);
+            const std::uint64_t lcn = static_cast<std::uint64_t>(run->lcn) + (vcn - run->vcn);
+            if (lcn < vcn - run->vcn || lcn > (UINT64_MAX - intoCluster) / m_clusterSize)
+                return ERROR_FILE_CORRUPT;
+            const DWORD error =
+                m_volume->readExactly(lcn * m_clusterSize + intoCluster, out + done, chunk);
             if (error == ERROR_HANDLE_EOF)
                 return ERROR_FILE_CORRUPT;
             if (error != 0)

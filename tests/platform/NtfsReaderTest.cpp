@@ -7,6 +7,8 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <cstdint>
 #include <map>
 
 namespace {
@@ -251,6 +253,28 @@ TEST_F(MiniVolume, ADirectoryEntryLoopDoesNotHang) {
     ASSERT_NE(ntfs, nullptr) << error;
     NtfsFileInfo info;
     EXPECT_EQ(ntfs->lookup({u"hello.txt"}, info), static_cast<DWORD>(ERROR_FILE_NOT_FOUND));
+}
+
+TEST_F(MiniVolume, ARunWhoseEndWrapsAroundIsReadNotSpunOn) {
+    // 2^55 clusters of 512 bytes end at byte 2^64, which wraps to 0: the end
+    // of the run then looked like the position read, and the read made no
+    // progress forever (a finding of the volume fuzz target).
+    std::string error;
+    auto ntfs = mount(error);
+    ASSERT_NE(ntfs, nullptr) << error;
+    NtfsAttribute attribute;
+    attribute.type = attr::kData;
+    attribute.nonResident = true;
+    attribute.dataSize = attribute.initializedSize = attribute.allocatedSize = UINT64_MAX;
+    attribute.runs = {DataRun{0, std::uint64_t{1} << 55, 1}};
+    std::vector<std::uint8_t> bytes(4096, 0xEE);
+    std::size_t got = 0;
+    ASSERT_EQ(ntfs->readAttribute(attribute, 0, bytes.data(), bytes.size(), got), 0u);
+    EXPECT_EQ(got, bytes.size());
+    EXPECT_TRUE(std::equal(bytes.begin(), bytes.end(), image.begin() + 512));
+    // A run whose first cluster is past every disk offset is refused.
+    attribute.runs = {DataRun{0, 8, INT64_MAX}};
+    EXPECT_NE(ntfs->readAttribute(attribute, 0, bytes.data(), bytes.size(), got), 0u);
 }
 
 TEST_F(MiniVolume, AResidentValueClaimingMoreThanItsAttributeIsIgnored) {
