@@ -35,20 +35,29 @@ struct FileNameValue {
     std::uint8_t nameSpace = 1;
 };
 
+// The header common to both forms, of `headerSize` bytes, with the name
+// right after it; `contentOffset` is where the value or run list starts.
+inline Bytes attributeHeader(std::uint32_t type, bool nonResident, std::size_t headerSize,
+                             const std::u16string& name, std::size_t& contentOffset) {
+    Bytes a(headerSize, 0);
+    putLe(a, 0x00, type, 4);
+    putLe(a, 0x08, nonResident ? 1 : 0, 1);
+    putLe(a, 0x09, name.size(), 1);
+    contentOffset = headerSize;
+    if (!name.empty()) {
+        putLe(a, 0x0A, headerSize, 2);
+        for (std::size_t i = 0; i < name.size(); ++i)
+            putLe(a, headerSize + 2 * i, name[i], 2);
+        contentOffset = (headerSize + 2 * name.size() + 7) & ~std::size_t(7);
+    }
+    return a;
+}
+
 // One attribute's bytes, header included.
 inline Bytes residentAttribute(std::uint32_t type, const Bytes& value,
                                const std::u16string& name = u"") {
-    Bytes a(0x18, 0);
-    putLe(a, 0x00, type, 4);
-    putLe(a, 0x08, 0, 1);
-    putLe(a, 0x09, name.size(), 1);
-    std::size_t valueOffset = 0x18;
-    if (!name.empty()) {
-        putLe(a, 0x0A, 0x18, 2);
-        for (std::size_t i = 0; i < name.size(); ++i)
-            putLe(a, 0x18 + 2 * i, name[i], 2);
-        valueOffset = (0x18 + 2 * name.size() + 7) & ~std::size_t(7);
-    }
+    std::size_t valueOffset = 0;
+    Bytes a = attributeHeader(type, false, 0x18, name, valueOffset);
     putLe(a, 0x10, value.size(), 4);
     putLe(a, 0x14, valueOffset, 2);
     a.resize(valueOffset, 0);
@@ -75,17 +84,8 @@ inline Bytes fileNameAttribute(const FileNameValue& v) {
 
 inline Bytes nonResidentAttribute(std::uint32_t type, const Bytes& runs, std::uint64_t allocated,
                                   std::uint64_t real, const std::u16string& name = u"") {
-    Bytes a(0x40, 0);
-    putLe(a, 0x00, type, 4);
-    putLe(a, 0x08, 1, 1);
-    putLe(a, 0x09, name.size(), 1);
-    std::size_t runOffset = 0x40;
-    if (!name.empty()) {
-        putLe(a, 0x0A, 0x40, 2);
-        for (std::size_t i = 0; i < name.size(); ++i)
-            putLe(a, 0x40 + 2 * i, name[i], 2);
-        runOffset = (0x40 + 2 * name.size() + 7) & ~std::size_t(7);
-    }
+    std::size_t runOffset = 0;
+    Bytes a = attributeHeader(type, true, 0x40, name, runOffset);
     putLe(a, 0x18, allocated / 4096 == 0 ? 0 : allocated / 4096 - 1, 8);
     putLe(a, 0x20, runOffset, 2);
     putLe(a, 0x28, allocated, 8);
