@@ -7,6 +7,7 @@
 #include <cstring>
 #include <initializer_list>
 #include <string>
+#include <utility>
 #include <vector>
 
 namespace kestrow::test {
@@ -35,36 +36,37 @@ struct FileNameValue {
     std::uint8_t nameSpace = 1;
 };
 
-// The header common to both forms, of `headerSize` bytes, with the name
-// right after it; `contentOffset` is where the value or run list starts.
+// The header common to both forms, of `headerSize` bytes, and the name right
+// after it, padded to 8: the value or run list starts where these bytes end.
 inline Bytes attributeHeader(std::uint32_t type, bool nonResident, std::size_t headerSize,
-                             const std::u16string& name, std::size_t& contentOffset) {
-    Bytes a(headerSize, 0);
+                             const std::u16string& name) {
+    Bytes a((headerSize + 2 * name.size() + 7) & ~std::size_t(7), 0);
     putLe(a, 0x00, type, 4);
     putLe(a, 0x08, nonResident ? 1 : 0, 1);
     putLe(a, 0x09, name.size(), 1);
-    contentOffset = headerSize;
-    if (!name.empty()) {
+    if (!name.empty())
         putLe(a, 0x0A, headerSize, 2);
-        for (std::size_t i = 0; i < name.size(); ++i)
-            putLe(a, headerSize + 2 * i, name[i], 2);
-        contentOffset = (headerSize + 2 * name.size() + 7) & ~std::size_t(7);
-    }
+    for (std::size_t i = 0; i < name.size(); ++i)
+        putLe(a, headerSize + 2 * i, name[i], 2);
+    return a;
+}
+
+// The attribute ended: its content after the header, padded to 8, and its
+// length written.
+inline Bytes withContent(Bytes a, const Bytes& content) {
+    a.insert(a.end(), content.begin(), content.end());
+    a.resize((a.size() + 7) & ~std::size_t(7), 0);
+    putLe(a, 0x04, a.size(), 4);
     return a;
 }
 
 // One attribute's bytes, header included.
 inline Bytes residentAttribute(std::uint32_t type, const Bytes& value,
                                const std::u16string& name = u"") {
-    std::size_t valueOffset = 0;
-    Bytes a = attributeHeader(type, false, 0x18, name, valueOffset);
+    Bytes a = attributeHeader(type, false, 0x18, name);
     putLe(a, 0x10, value.size(), 4);
-    putLe(a, 0x14, valueOffset, 2);
-    a.resize(valueOffset, 0);
-    a.insert(a.end(), value.begin(), value.end());
-    a.resize((a.size() + 7) & ~std::size_t(7), 0);
-    putLe(a, 0x04, a.size(), 4);
-    return a;
+    putLe(a, 0x14, a.size(), 2);
+    return withContent(std::move(a), value);
 }
 
 inline Bytes fileNameAttribute(const FileNameValue& v) {
@@ -84,18 +86,13 @@ inline Bytes fileNameAttribute(const FileNameValue& v) {
 
 inline Bytes nonResidentAttribute(std::uint32_t type, const Bytes& runs, std::uint64_t allocated,
                                   std::uint64_t real, const std::u16string& name = u"") {
-    std::size_t runOffset = 0;
-    Bytes a = attributeHeader(type, true, 0x40, name, runOffset);
+    Bytes a = attributeHeader(type, true, 0x40, name);
     putLe(a, 0x18, allocated / 4096 == 0 ? 0 : allocated / 4096 - 1, 8);
-    putLe(a, 0x20, runOffset, 2);
+    putLe(a, 0x20, a.size(), 2);
     putLe(a, 0x28, allocated, 8);
     putLe(a, 0x30, real, 8);
     putLe(a, 0x38, real, 8);
-    a.resize(runOffset, 0);
-    a.insert(a.end(), runs.begin(), runs.end());
-    a.resize((a.size() + 7) & ~std::size_t(7), 0);
-    putLe(a, 0x04, a.size(), 4);
-    return a;
+    return withContent(std::move(a), runs);
 }
 
 inline Bytes concat(std::initializer_list<Bytes> parts) {
